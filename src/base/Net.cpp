@@ -1,0 +1,192 @@
+#include "Net.h"
+
+#include <QThread>
+
+#include <udt/udt.h>
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <mutex>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace VESK {
+namespace net {
+
+namespace {
+
+constexpr int kMaxMss = 65000;
+constexpr int kDefaultMss = 1500;
+// Large buffers keep a fast link busy; UDT clamps them to what the flow window allows.
+constexpr int kUdtBufferBytes = 64 * 1024 * 1024;
+constexpr int kUdpBufferBytes = 8 * 1024 * 1024;
+
+QString udtError() {
+    return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
+}
+
+void setError(QString* error, const QString& text) {
+    if (error)
+        *error = text;
+}
+
+bool resolve(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_DGRAM;
+    addrinfo* result = nullptr;
+    const int rc = ::getaddrinfo(host.toUtf8().constData(), nullptr, &hints, &result);
+    if (rc != 0 || !result) {
+        setError(error, QStringLiteral("cannot resolve %1: %2").arg(host, gai_strerror(rc)));
+        return false;
+    }
+    std::memcpy(&addr, result->ai_addr, sizeof addr);
+    addr.sin_port = htons(port);
+    ::freeaddrinfo(result);
+    return true;
+}
+
+QString describe(const sockaddr_in& addr) {
+    char text[INET_ADDRSTRLEN] = {};
+    ::inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
+    return QStringLiteral("%1:%2").arg(QString::fromLatin1(text)).arg(ntohs(addr.sin_port));
+}
+
+} // namespace
+
+void ensureStarted() {
+    static std::once_flag once;
+    std::call_once(once, [] { UDT::startup(); });
+}
+
+int pathMss(const QString& host, quint16 port) {
+    sockaddr_in addr{};
+    if (!resolve(host, port == 0 ? 9 : port, addr, nullptr))
+        return kDefaultMss;
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0)
+        return kDefaultMss;
+    int mtu = kDefaultMss;
+    socklen_t len = sizeof mtu;
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::getsockopt(fd, IPPROTO_IP, IP_MTU, &mtu, &len) != 0)
+        mtu = kDefaultMss;
+    ::close(fd);
+    return std::min(mtu, kMaxMss);
+}
+
+bool applyOptions(int socket, int mss, QString* error) {
+    const linger noLinger{0, 0};
+    const bool ok =
+        UDT::setsockopt(socket, 0, UDT_LINGER, &noLinger, sizeof noLinger) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_MSS, &mss, sizeof mss) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_SNDBUF, &kUdtBufferBytes, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_RCVBUF, &kUdtBufferBytes, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDP_SNDBUF, &kUdpBufferBytes, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDP_RCVBUF, &kUdpBufferBytes, sizeof(int)) != UDT::ERROR;
+    if (!ok)
+        setError(error, QStringLiteral("cannot set socket options: %1").arg(udtError()));
+    return ok;
+}
+
+int connectTo(const QString& host, quint16 port, QString* error) {
+    ensureStarted();
+    sockaddr_in addr{};
+    if (!resolve(host, port, addr, error))
+        return -1;
+    Socket socket(UDT::socket(AF_INET, SOCK_STREAM, 0));
+    if (socket.get() == UDT::INVALID_SOCK) {
+        socket.release();
+        setError(error, QStringLiteral("cannot create a socket: %1").arg(udtError()));
+        return -1;
+    }
+    if (!applyOptions(socket.get(), pathMss(host, port), error))
+        return -1;
+    if (UDT::connect(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
+        setError(error,
+                 QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
+        return -1;
+    }
+    return socket.release();
+}
+
+int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error) {
+    ensureStarted();
+    sockaddr_in addr{};
+    if (!resolve(host, port, addr, error))
+        return -1;
+    Socket socket(UDT::socket(AF_INET, SOCK_STREAM, 0));
+    if (socket.get() == UDT::INVALID_SOCK) {
+        socket.release();
+        setError(error, QStringLiteral("cannot create a socket: %1").arg(udtError()));
+        return -1;
+    }
+    if (!applyOptions(socket.get(), pathMss(host, port), error))
+        return -1;
+    if (UDT::bind(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
+        setError(error,
+                 QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
+        return -1;
+    }
+    if (UDT::listen(socket.get(), 128) == UDT::ERROR) {
+        setError(error,
+                 QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
+        return -1;
+    }
+    if (boundPort) {
+        sockaddr_in bound{};
+        int len = sizeof bound;
+        UDT::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&bound), &len);
+        *boundPort = ntohs(bound.sin_port);
+    }
+    return socket.release();
+}
+
+int acceptOn(int listener, QString* peer, QString* error) {
+    sockaddr_in addr{};
+    int len = sizeof addr;
+    const int s = UDT::accept(listener, reinterpret_cast<sockaddr*>(&addr), &len);
+    if (s == UDT::INVALID_SOCK) {
+        setError(error, QStringLiteral("accept failed: %1").arg(udtError()));
+        return -1;
+    }
+    if (peer)
+        *peer = describe(addr);
+    return s;
+}
+
+void drainAndClose(int socket, int timeoutMs) {
+    if (socket < 0)
+        return;
+    for (int waited = 0; waited < timeoutMs; waited += 10) {
+        int pending = 0;
+        int len = sizeof pending;
+        if (UDT::getsockopt(socket, 0, UDT_SNDDATA, &pending, &len) == UDT::ERROR || pending == 0)
+            break;
+        QThread::msleep(10);
+    }
+    UDT::close(socket);
+}
+
+Socket& Socket::operator=(Socket&& other) noexcept {
+    if (this != &other)
+        reset(other.release());
+    return *this;
+}
+
+int Socket::release() {
+    const int s = m_socket;
+    m_socket = -1;
+    return s;
+}
+
+void Socket::reset(int socket) {
+    if (m_socket >= 0)
+        drainAndClose(m_socket);
+    m_socket = socket;
+}
+
+} // namespace net
+} // namespace VESK

@@ -1,0 +1,58 @@
+#pragma once
+
+// UDT socket set-up shared by the host and the tests, so that both run with the same options:
+// zero linger (a pause or cancel that closes the socket stops a transfer at once), the path MTU
+// as UDT's packet size, larger buffers, and a drain of unsent data before the close.
+
+#include <QString>
+
+namespace VESK {
+namespace net {
+
+// UDT::startup() once per process; safe to call from anywhere, any number of times.
+void ensureStarted();
+
+// The packet size for a peer: the path MTU read from a connected UDP socket, at most 65000.
+int pathMss(const QString& host, quint16 port);
+
+// Options set before bind/connect.
+bool applyOptions(int socket, int mss, QString* error = nullptr);
+
+// A blocking stream socket connected to host:port, or -1 with `error` set.
+int connectTo(const QString& host, quint16 port, QString* error = nullptr);
+
+// A listening socket on host:port (port 0 picks a free one; `boundPort` reports it).
+int listenOn(const QString& host, quint16 port, quint16* boundPort = nullptr,
+             QString* error = nullptr);
+
+// Accepts one connection; -1 with `error` set when the listener fails or was closed.
+int acceptOn(int listener, QString* peer = nullptr, QString* error = nullptr);
+
+// Waits (at most `timeoutMs`) until the socket has no unsent data, then closes it. With zero
+// linger this is what keeps the last control message from being cut off.
+void drainAndClose(int socket, int timeoutMs = 5000);
+
+// Owns one UDT socket and closes it (after draining) when it goes out of scope.
+class Socket {
+public:
+    Socket() = default;
+    explicit Socket(int socket)
+        : m_socket(socket) {}
+    ~Socket() { reset(); }
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    Socket(Socket&& other) noexcept
+        : m_socket(other.release()) {}
+    Socket& operator=(Socket&& other) noexcept;
+
+    int get() const { return m_socket; }
+    bool valid() const { return m_socket >= 0; }
+    int release();
+    void reset(int socket = -1);
+
+private:
+    int m_socket = -1;
+};
+
+} // namespace net
+} // namespace VESK

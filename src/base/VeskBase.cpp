@@ -1,0 +1,243 @@
+#include "VeskBase.h"
+
+#include "Verify.h"
+#include "Wire.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLoggingCategory>
+#include <QMutexLocker>
+
+#include <sys/stat.h>
+
+// Hosts filter the protocol log with QT_LOGGING_RULES="vesk.protocol.debug=true" and the like.
+Q_LOGGING_CATEGORY(lcProtocol, "vesk.protocol", QtInfoMsg)
+
+namespace VESK {
+
+VeskBase::VeskBase(QObject* parent)
+    : QObject(parent) {}
+
+VeskBase::~VeskBase() = default;
+
+// ---- Parameter store --------------------------------------------------------------------------
+
+const QStringList& VeskBase::hostOnlyKeys() {
+    static const QStringList keys = {
+        "endPoint",        "clientSocket", "serverSocket", "mountPath",
+        "appPath",         "fileMod",      "dirMod",       "logFile",
+        "transtat-rec",    "tmpFilePath",  "total",        "path",
+        "respondStatus",   "beginTime",    "endTime",      "transferBeginSize",
+        "transferEndSize", "return",       "clientIp",     "clientPort"};
+    return keys;
+}
+
+bool VeskBase::clearParam() {
+    m_params.clear();
+    return true;
+}
+
+bool VeskBase::setParam(QString key, QString value) {
+    m_params.insert(key, value);
+    return true;
+}
+
+bool VeskBase::setParams(QMap<QString, QString> params) {
+    // This is the merge of a peer's TaskParam: a peer must never steer where the server writes,
+    // which socket it uses or what it reports, so such a map is refused whole.
+    const QStringList& guarded = hostOnlyKeys();
+    for (auto it = params.cbegin(); it != params.cend(); ++it) {
+        if (guarded.contains(it.key()))
+            return false;
+    }
+    for (auto it = params.cbegin(); it != params.cend(); ++it)
+        m_params.insert(it.key(), it.value());
+    return true;
+}
+
+QString VeskBase::getParam(const QString& key, const QString& defaultValue) {
+    return m_params.value(key, defaultValue);
+}
+
+bool VeskBase::getParams(QMap<QString, QString>& out) {
+    out = m_params;
+    return true;
+}
+
+bool VeskBase::getParams(QStringList keys, QMap<QString, QString>& out) {
+    for (const QString& key : keys) {
+        if (!m_params.contains(key))
+            return false;
+    }
+    for (const QString& key : keys)
+        out.insert(key, m_params.value(key));
+    return true;
+}
+
+bool VeskBase::setParamInner(QString key, QString value) {
+    m_inner.insert(key, value);
+    return true;
+}
+
+QString VeskBase::getParamInner(QString key, QString defaultValue) {
+    return m_inner.value(key, defaultValue);
+}
+
+// ---- Serialized parameter maps ----------------------------------------------------------------
+
+QString VeskBase::serializeParam(const QMap<QString, QString>& map) {
+    QJsonObject object;
+    for (auto it = map.cbegin(); it != map.cend(); ++it)
+        object.insert(it.key(), it.value());
+    return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+QMap<QString, QString> VeskBase::unSerializeParam(const QString& text) {
+    QMap<QString, QString> map;
+    const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8());
+    if (!doc.isObject())
+        return map;
+    const QJsonObject object = doc.object();
+    for (auto it = object.constBegin(); it != object.constEnd(); ++it) {
+        if (it.value().isString())
+            map.insert(it.key(), it.value().toString());
+    }
+    return map;
+}
+
+// ---- Control messages -------------------------------------------------------------------------
+
+int VeskBase::socketFromParams() {
+    return getParam(getParam("endPoint", "") + "Socket", "-1").toInt();
+}
+
+bool VeskBase::send(int messageNumber, const QString& text) {
+    QString error;
+    if (!wire::sendFrame(socketFromParams(), quint32(messageNumber), text.toUtf8(), &error)) {
+        log("error", QStringLiteral("send: message %1: %2").arg(messageNumber).arg(error));
+        return false;
+    }
+    m_active.store(true);
+    return true;
+}
+
+bool VeskBase::recv(int messageNumber, QString& text) {
+    QString error;
+    quint32 number = 0;
+    QByteArray body;
+    if (!wire::recvFrame(socketFromParams(), number, body, &error)) {
+        log("error", QStringLiteral("recv: message %1: %2").arg(messageNumber).arg(error));
+        return false;
+    }
+    m_active.store(true);
+    if (number != quint32(messageNumber)) {
+        log("error",
+            QStringLiteral("recv: expected message %1, got %2").arg(messageNumber).arg(number));
+        return false;
+    }
+    text = QString::fromUtf8(body);
+    return true;
+}
+
+// ---- Logging ----------------------------------------------------------------------------------
+
+void VeskBase::log(QString level, QString message) {
+    QMutexLocker lock(&m_logMutex);
+    emit sigLog(level, message);
+
+    const QString logFile = getParam("logFile", "");
+    if (!logFile.isEmpty()) {
+        QFile file(logFile);
+        if (file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+            const QString record =
+                QStringLiteral("%1 [%2] %3\n")
+                    .arg(QDateTime::currentDateTime().toString("yyyy-MM-dd'T'hh:mm:ss.zzz"), level,
+                         message);
+            file.write(record.toUtf8());
+        }
+    }
+
+    const QByteArray text = message.toUtf8();
+    if (level == QLatin1String("error"))
+        qCCritical(lcProtocol, "%s", text.constData());
+    else if (level == QLatin1String("warning"))
+        qCWarning(lcProtocol, "%s", text.constData());
+    else if (level == QLatin1String("info"))
+        qCInfo(lcProtocol, "%s", text.constData());
+    else
+        qCDebug(lcProtocol, "%s", text.constData());
+}
+
+// ---- Paths and files --------------------------------------------------------------------------
+
+QString VeskBase::pathJoin(const QString& a, const QString& b) {
+    if (b.isEmpty())
+        return a;
+    if (a.isEmpty())
+        return b;
+    // `b` comes from a peer: it is confined so that the joined path never leaves `a`.
+    QStringList kept;
+    for (const QString& segment : b.split('/', Qt::SkipEmptyParts)) {
+        if (segment == QLatin1String("."))
+            continue;
+        if (segment == QLatin1String("..")) {
+            if (!kept.isEmpty())
+                kept.removeLast();
+            continue;
+        }
+        kept.append(segment);
+    }
+    QString head = a;
+    while (head.endsWith('/'))
+        head.chop(1);
+    return head + '/' + kept.join('/');
+}
+
+bool VeskBase::mkdir(QString& path) {
+    QDir().mkpath(path);
+    return QFileInfo(path).isDir();
+}
+
+bool VeskBase::exist(QString& path) {
+    return QFileInfo::exists(path);
+}
+
+bool VeskBase::chmod(const QString& path, int mode) {
+    if (mode == kModeNotConfigured)
+        return true;
+    return ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
+}
+
+bool VeskBase::chmodRecursively(const QString& base, const QString& path, int mode) {
+    const QString top = QDir::cleanPath(base);
+    const QString target = QDir::cleanPath(path);
+    if (target == top)
+        return true;
+    const QString prefix = top.endsWith('/') ? top : top + '/';
+    if (!target.startsWith(prefix))
+        return false;
+    QString current = top;
+    for (const QString& segment : target.mid(prefix.size()).split('/', Qt::SkipEmptyParts)) {
+        current = current.endsWith('/') ? current + segment : current + '/' + segment;
+        if (!chmod(current, mode))
+            return false;
+    }
+    return true;
+}
+
+QString VeskBase::getFileVerifyValue(QString& path, QString method) {
+    return verify::fileValue(path, method);
+}
+
+QString VeskBase::generateTmpFilePath(QString& path) {
+    // Hidden, beside the destination (so the final rename stays on one file system), and the
+    // same for every attempt (so a later attempt finds it and resumes).
+    const int slash = path.lastIndexOf('/');
+    return path.left(slash + 1) + '.' + path.mid(slash + 1) + ".vesk-part";
+}
+
+} // namespace VESK

@@ -1,0 +1,93 @@
+#pragma once
+
+// The base class of every vesk protocol handler: parameter store, control messages over a UDT
+// socket, logging, and the path, file and verify helpers the handlers share.
+
+#include <QMap>
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <atomic>
+
+namespace VESK {
+
+using ParamMap = QMap<QString, QString>;
+
+class VeskBase : public QObject {
+    Q_OBJECT
+
+public:
+    explicit VeskBase(QObject* parent = nullptr);
+    ~VeskBase() override;
+
+    // The handler interface, in the order hosts and handlers rely on.
+    virtual QString getKey() = 0;
+    virtual QString getLastError() = 0;
+    virtual bool clearParam();
+    virtual bool setParam(QString key, QString value);
+    virtual bool setParams(QMap<QString, QString> params);
+    virtual QString getParam(const QString& key, const QString& defaultValue);
+    virtual bool getParams(QMap<QString, QString>& out);
+    virtual bool getParams(QStringList keys, QMap<QString, QString>& out);
+    virtual bool process() = 0;
+    virtual bool pause() = 0;
+    virtual bool cancel() = 0;
+
+    // True once a control message was sent or received since the handler last cleared the flag.
+    bool isActive() const { return m_active.load(); }
+
+    // Keys that only the local host may set; a peer's TaskParam naming one of them is refused.
+    static const QStringList& hostOnlyKeys();
+
+    static QString serializeParam(const QMap<QString, QString>& map);
+    static QMap<QString, QString> unSerializeParam(const QString& text);
+    static QString pathJoin(const QString& a, const QString& b);
+    static bool mkdir(QString& path);
+    static bool exist(QString& path);
+    static bool chmod(const QString& path, int mode);
+    static bool chmodRecursively(const QString& base, const QString& path, int mode);
+
+    // The integer a handler passes for an empty "fileMod"/"dirMod": keep the created mode.
+    static constexpr int kModeNotConfigured = 777;
+
+signals:
+    void sigLog(QString level, QString message);
+    void sigList(QMap<QString, QString> map);
+
+protected:
+    virtual bool send(int messageNumber, const QString& text);
+    virtual bool recv(int messageNumber, QString& text);
+    virtual void log(QString level, QString message);
+
+    virtual bool request() = 0;
+    virtual bool uploadRequest() = 0;
+    virtual bool downloadRequest() = 0;
+    virtual bool listRequest() = 0;
+    virtual bool createDirRequest() = 0;
+    virtual bool respond() = 0;
+    virtual bool uploadRespond() = 0;
+    virtual bool downloadRespond() = 0;
+    virtual bool listRespond() = 0;
+    virtual bool createDirRespond() = 0;
+
+    virtual bool setParamInner(QString key, QString value);
+    virtual QString getParamInner(QString key, QString defaultValue);
+    virtual QString getFileVerifyValue(QString& path, QString method);
+    virtual QString generateTmpFilePath(QString& path);
+
+    void clearActive() { m_active.store(false); }
+
+    // Derived classes fill the maps directly while they are constructed (no virtual calls yet).
+    QMap<QString, QString> m_params;
+    QMap<QString, QString> m_inner;
+
+private:
+    int socketFromParams();
+
+    std::atomic<bool> m_active{false};
+    QMutex m_logMutex;
+};
+
+} // namespace VESK
