@@ -1,16 +1,41 @@
 #include "handler/VeskHandler2_0_0.h"
 
+#include <QFile>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace VESK {
 
 QString VeskHandler2_0_0::getAppPath(const QString& appKey) {
-    Q_UNUSED(appKey)
-    return QString();
+    // "key:dir%key:dir": parsed anew at every call. An entry that does not split into exactly
+    // two non-empty parts (a directory holding a colon, say) is skipped; a later key wins.
+    QMap<QString, QString> table;
+    const QStringList entries = getParam("appPath", "").split('%', Qt::SkipEmptyParts);
+    for (const QString& entry : entries) {
+        const QStringList parts = entry.split(':', Qt::SkipEmptyParts);
+        if (parts.size() == 2)
+            table.insert(parts.at(0), parts.at(1));
+    }
+    return table.value(appKey);
 }
 
 void VeskHandler2_0_0::UpdateMtime(QString& path, QString funcName, qint64 mtime) {
-    Q_UNUSED(path)
-    Q_UNUSED(funcName)
-    Q_UNUSED(mtime)
+    if (mtime == -1)
+        return;
+    // Paths are UTF-8 on this platform, so any name the host can give is reachable.
+    const QByteArray native = QFile::encodeName(path);
+    struct stat info;
+    if (::stat(native.constData(), &info) != 0) {
+        log("error", QString("%1: get stat of  %2 failed.").arg(funcName, path));
+    } else {
+        const timespec times[2] = {info.st_atim, {time_t(mtime), 0}};
+        if (::utimensat(AT_FDCWD, native.constData(), times, 0) != 0)
+            log("error", QString("%1: set new mtime of %2 failed.").arg(funcName, path));
+    }
+    // Marks that the attempt is over, also after a failure.
+    log("debug",
+        QString("%1: set [%2] mtime [%3] finished!").arg(funcName, path, QString::number(mtime)));
 }
 
 } // namespace VESK
