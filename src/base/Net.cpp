@@ -160,12 +160,15 @@ int acceptOn(int listener, QString* peer, QString* error) {
 void drainAndClose(int socket, int timeoutMs) {
     if (socket < 0)
         return;
-    for (int waited = 0; waited < timeoutMs; waited += 10) {
+    // UDT acknowledges a lone small message only after a few hundred milliseconds, so waiting
+    // for the acknowledgement is slow; a peer that has hung up already had everything it needed.
+    for (int waited = 0; waited < timeoutMs; waited += 5) {
         int pending = 0;
         int len = sizeof pending;
-        if (UDT::getsockopt(socket, 0, UDT_SNDDATA, &pending, &len) == UDT::ERROR || pending == 0)
+        if (UDT::getsockstate(socket) != CONNECTED ||
+            UDT::getsockopt(socket, 0, UDT_SNDDATA, &pending, &len) == UDT::ERROR || pending == 0)
             break;
-        QThread::msleep(10);
+        QThread::msleep(5);
     }
     UDT::close(socket);
 }
