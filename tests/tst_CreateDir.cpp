@@ -28,6 +28,10 @@ int modeOf(const QString& path) {
     return int(info.st_mode & 07777);
 }
 
+bool setMode(const QString& path, int mode) {
+    return ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
+}
+
 // Sets the process's file creation mask for one test and puts the old one back.
 class UmaskScope {
 public:
@@ -218,8 +222,7 @@ private slots:
     void existingDirectoryStillSucceedsAndTakesMode() {
         CreateDirTask t;
         QVERIFY(QDir(t.app()).mkpath("r/there"));
-        QVERIFY(QFile::setPermissions(t.app() + "/r/there",
-                                      QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(setMode(t.app() + "/r/there", 0700));
         t.server->setParam("dirMod", "755");
         t.request("r", "there");
         const TaskResults results = t.run();
@@ -263,8 +266,7 @@ private slots:
         UmaskScope mask(027);
         CreateDirTask t;
         QVERIFY(QDir(t.app()).mkpath("r/old"));
-        QVERIFY(QFile::setPermissions(t.app() + "/r/old",
-                                      QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        QVERIFY(setMode(t.app() + "/r/old", 0700));
         t.request("r", "old/m/n");
         QVERIFY(t.run().client);
         QCOMPARE(modeOf(t.app() + "/r/old/m"), 0750);
@@ -276,8 +278,8 @@ private slots:
         UmaskScope mask(077);
         CreateDirTask t;
         QVERIFY(QDir(t.app()).mkpath("r/old"));
-        QVERIFY(::chmod(QFile::encodeName(t.app()).constData(), 0711) == 0);
-        QVERIFY(::chmod(QFile::encodeName(t.app() + "/r").constData(), 0711) == 0);
+        QVERIFY(setMode(t.app(), 0711));
+        QVERIFY(setMode(t.app() + "/r", 0711));
         t.server->setParam("dirMod", "755");
         t.request("r", "old/x/y");
         QVERIFY(t.run().client);
@@ -307,7 +309,7 @@ private slots:
         QVERIFY(t.run().client);
         const QString locked = t.app() + "/r/locked";
         QCOMPARE(modeOf(locked), 0);
-        QVERIFY(::chmod(QFile::encodeName(locked).constData(), 0700) == 0);
+        QVERIFY(setMode(locked, 0700));
     }
 
     // ---- Paths a client sends stay inside the mount ----
