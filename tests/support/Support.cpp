@@ -153,6 +153,28 @@ TaskResults runTask(VeskBase* client, VeskBase* server, int timeoutMs) {
     return results;
 }
 
+TaskResults runTaskClosingServer(VeskBase* client, VeskBase* server,
+                                 VESK::net::Socket& serverSocket, int timeoutMs) {
+    TaskResults results;
+    AsyncTask serverTask(server);
+    AsyncTask clientTask(client);
+    bool serverDone = false;
+    bool clientDone = false;
+    results.server = serverTask.wait(timeoutMs, &serverDone);
+    // Drained first, so a reply the server did send still reaches the client.
+    if (serverDone)
+        serverSocket.reset();
+    results.client = clientTask.wait(serverDone ? timeoutMs : 1000, &clientDone);
+    if (!serverDone || !clientDone) {
+        results.timedOut = true;
+        UDT::close(client->getParam("clientSocket", "-1").toInt());
+        UDT::close(server->getParam("serverSocket", "-1").toInt());
+        results.server = serverTask.wait(timeoutMs);
+        results.client = clientTask.wait(timeoutMs);
+    }
+    return results;
+}
+
 // ---- Configuration ----------------------------------------------------------------------------
 
 void configureClient(VeskBase* handler, int socket, const QString& op) {
