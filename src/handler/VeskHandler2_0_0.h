@@ -101,6 +101,14 @@ private:
     // Address of a host-owned progress counter from "total"/"offset"; null when not supplied.
     qint64* counterFromParam(const QString& key);
 
+    // ---- operations/download/ ----
+    // Checks the received temporary file against the server's value and tells the server the
+    // outcome; a mismatching file is deleted.
+    bool sendVerifyResult(const QString& function, QString& tmpPath, const QString& method,
+                          const QString& expected);
+    // The server's wait for the client's FileVerifyResult (when verifying) and TaskComplete.
+    bool recvDownloadEnd(const QString& function, bool verifying);
+
     // ---- files/MtimeAndAppPath.cpp ----
     QString getAppPath(const QString& appKey);
     void UpdateMtime(QString& path, QString funcName, qint64 mtime);
