@@ -21,7 +21,8 @@ constexpr int kModeAppend = 42;
 
 bool VeskHandler2_0_0::downloadRequest() {
     const QString function = kFunction;
-    getStatus(); // the stop is looked at only at the checkpoints below
+    // Read once here; a stop is acted on only at the checkpoint before the transfer.
+    getStatus();
     const int socket = getParam("clientSocket", "-1").toInt(nullptr, 10);
     const QString fileName = getParam("fileName", "");
     const QString destPath = getParam("destPath", "");
@@ -97,18 +98,9 @@ bool VeskHandler2_0_0::downloadRequest() {
     if (!ackAccepted(function, ack))
         return false;
 
-    if (ack.value("bTruncate") == "true") {
-        // The server rejected the resume offset and sends the whole file.
-        log("warning",
-            QString("%1: client tmp file offset[%2], server file size[%3], remove tmp "
-                    "file [%4].")
-                .arg(function, QString::number(*offset), QString::number(fileSize), tmpPath));
-        if (!QFile::remove(tmpPath)) {
-            log("error", QString("%1: remove tmp file %2 failed.").arg(function, tmpPath));
-            return false;
-        }
-        *offset = 0;
-    }
+    if (ack.value("bTruncate") == "true" &&
+        !dropRejectedTmpFile(function, tmpPath, *offset, fileSize))
+        return false;
     *total = fileSize;
 
     if (!transfer) {
@@ -132,15 +124,8 @@ bool VeskHandler2_0_0::downloadRequest() {
     if (verifying && !sendVerifyResult(function, tmpPath, bVerify, serverValue))
         return false;
 
-    // The old file goes only now that its replacement is complete and checked.
-    if (destinationExisted && !QFile::remove(destination)) {
-        log("error", QString("%1: removeFile %2 failed.").arg(function, destination));
+    if (!placeDownloadedFile(function, tmpPath, destination, destinationExisted))
         return false;
-    }
-    if (!QFile::rename(tmpPath, destination)) {
-        log("error", QString("%1: rename %2 to %3 failed.").arg(function, tmpPath, destination));
-        return false;
-    }
 
     map.clear();
     map.insert("fileName", fileName);
@@ -165,6 +150,34 @@ bool VeskHandler2_0_0::sendVerifyResult(const QString& function, QString& tmpPat
     }
     if (!matches) {
         log("error", QString("%1: FileVerify failed.").arg(function));
+        return false;
+    }
+    return true;
+}
+
+bool VeskHandler2_0_0::dropRejectedTmpFile(const QString& function, const QString& tmpPath,
+                                           qint64& offset, qint64 fileSize) {
+    // The server found the resume offset outside its file and sends the whole file instead.
+    log("warning", QString("%1: client tmp file offset[%2], server file size[%3], "
+                           "remove tmp file [%4].")
+                       .arg(function, QString::number(offset), QString::number(fileSize), tmpPath));
+    if (!QFile::remove(tmpPath)) {
+        log("error", QString("%1: remove tmp file %2 failed.").arg(function, tmpPath));
+        return false;
+    }
+    offset = 0;
+    return true;
+}
+
+bool VeskHandler2_0_0::placeDownloadedFile(const QString& function, const QString& tmpPath,
+                                           const QString& destination, bool replaceOld) {
+    // The old file goes only now that its replacement is complete and checked.
+    if (replaceOld && !QFile::remove(destination)) {
+        log("error", QString("%1: removeFile %2 failed.").arg(function, destination));
+        return false;
+    }
+    if (!QFile::rename(tmpPath, destination)) {
+        log("error", QString("%1: rename %2 to %3 failed.").arg(function, tmpPath, destination));
         return false;
     }
     return true;

@@ -18,7 +18,8 @@ constexpr int kModeRead = 33;
 
 bool VeskHandler2_0_0::downloadRespond() {
     const QString function = kFunction;
-    getStatus(); // the stop is looked at only at the checkpoint before the transfer
+    // Read once here; a stop is acted on only at the checkpoint before the transfer.
+    getStatus();
     const int socket = getParam("serverSocket", "-1").toInt(nullptr, 10);
     const QString fileName = getParam("fileName", "");
     const QString mountPath = getParam("mountPath", "");
