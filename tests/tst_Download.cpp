@@ -857,6 +857,17 @@ private slots:
         QCOMPARE(c.counters.total, qint64(0));
     }
 
+    void closedConnectionFailsSendingTaskParam() {
+        MountTree tree;
+        Session s(tree);
+        s.want("c.bin");
+        s.pair.client.reset();
+        QVERIFY(!s.client->process());
+        QVERIFY(s.clientLog.contains("error", "downloadRequest: send TaskParam failed."));
+        QCOMPARE(s.client->getParam("transferBeginSize", ""), QString("0"));
+        QVERIFY(!QFile::exists(tmpOf(tree.local() + "/c.bin")));
+    }
+
     void unreadableDestinationFailsVerifyValue() {
         MountTree tree;
         QVERIFY(QDir().mkpath(tree.local() + "/dir.bin/inside"));
@@ -1134,7 +1145,7 @@ private:
     // Starts downloading the large file to `dest` and returns once it is well under way.
     static bool startBig(Session& s, const QString& dest) {
         s.want("big.bin", QFileInfo(dest).path());
-        return s.startAndWaitForProgress(32 * kMiB);
+        return s.startAndWaitForProgress(8 * kMiB);
     }
 
     // Stops the client in the middle of the large download the way its host does on an
