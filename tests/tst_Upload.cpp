@@ -30,9 +30,15 @@ constexpr qint64 kClientMtime = 1500000000;
 
 // ---- Files ----
 
+// Both create the file's directory first: server-side files are placed before any upload ran.
 bool writeBytes(const QString& path, const QByteArray& data) {
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size();
+    return QDir().mkpath(QFileInfo(path).path()) &&
+           file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size();
+}
+
+bool placePattern(const QString& path, qint64 size, quint32 seed = 1) {
+    return QDir().mkpath(QFileInfo(path).path()) && writePatternFile(path, size, seed);
 }
 
 bool setMtime(const QString& path, qint64 seconds) {
@@ -127,6 +133,18 @@ struct Session {
         client->setParam("mac", "00:11:22:33:44:55");
     }
 
+    ~Session() {
+        // A test that stopped half way must not leave the client blocked in UDT.
+        bool done = true;
+        if (clientTask)
+            clientTask->wait(3000, &done);
+        if (!done) {
+            UDT::close(pair.client.release());
+            UDT::close(pair.server.release());
+        }
+        clientTask.reset();
+    }
+
     TaskResults run(int timeoutMs = 30000) {
         return runTask(client.get(), server.get(), timeoutMs);
     }
@@ -157,8 +175,76 @@ struct Session {
         return task.wait(20000);
     }
 
+    // The test thread plays the server: starts the client and takes its TaskParam.
+    std::unique_ptr<AsyncTask> clientTask;
+    bool startClient(QMap<QString, QString>& param) {
+        clientTask = std::make_unique<AsyncTask>(client.get());
+        return recvMessage(pair.server.get(), 5, param);
+    }
+    bool answer(quint32 number, const QMap<QString, QString>& map) {
+        return VESK::wire::sendFrame(pair.server.get(), number, json(map));
+    }
+
+    // Whether each side logged the second pass, naming its own file.
+    bool clientSecondPass(const QString& src) const {
+        return clientLogs.contains("info", "uploadRequest: file " + src + " second pass.");
+    }
+    bool serverSecondPass(const QString& dest) const {
+        return serverLogs.contains("info", "uploadRespond: file " + dest + " second pass.");
+    }
+
     QStringList errors() const {
         return clientLogs.messages("error") + serverLogs.messages("error");
+    }
+};
+
+// A TaskParam for `fileName` in root/in of appA without verification; `extra` adds or overrides.
+QMap<QString, QString> taskParam(const QString& fileName, const QMap<QString, QString>& extra) {
+    QMap<QString, QString> map = {
+        {"operator", "upload"}, {"fileName", fileName}, {"destPath", "in"},   {"rootPath", "root"},
+        {"appKey", "appA"},     {"bVerify", "false"},   {"bReplace", "false"}};
+    for (auto it = extra.cbegin(); it != extra.cend(); ++it)
+        map.insert(it.key(), it.value());
+    return map;
+}
+
+// The test thread plays the client against a server handler from the plug-in.
+struct ScriptedClient {
+    UdtPair pair = connectedPair();
+    Handler server = makeHandler();
+    LogCapture logs{server.get()};
+    std::unique_ptr<AsyncTask> task;
+
+    // Without the registry the server holds only what configureServer and TaskParam set.
+    ScriptedClient(const MountTree& tree, bool registry = true) {
+        if (!registry)
+            server->clearParam();
+        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
+    }
+    ~ScriptedClient() {
+        // A test that stopped half way must not leave the server blocked in UDT.
+        bool done = true;
+        if (task)
+            task->wait(3000, &done);
+        if (!done) {
+            UDT::close(pair.client.release());
+            UDT::close(pair.server.release());
+        }
+        task.reset();
+    }
+
+    int socket() const { return pair.client.get(); }
+
+    // Starts the server, sends it `param` as TaskParam and receives its TaskParamAck.
+    bool start(const QMap<QString, QString>& param, QMap<QString, QString>& ack) {
+        task = std::make_unique<AsyncTask>(server.get());
+        return VESK::wire::sendFrame(socket(), 5, json(param)) && recvMessage(socket(), 6, ack);
+    }
+
+    // Ends the conversation from the client's side and returns the server's result.
+    bool hangUp() {
+        UDT::close(pair.client.release());
+        return task->wait(10000);
     }
 };
 
@@ -307,7 +393,6 @@ private slots:
         const QString src = tree.local() + "/resume.bin";
         QVERIFY(makeSource(src, 3 * kMiB + 7));
         const QByteArray source = readAll(src);
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
         const qint64 partial = kMiB + 3;
         QVERIFY(writeBytes(temporaryOf(tree, "resume.bin"), source.left(partial)));
         Session s(tree, "resume.bin", "sha256");
@@ -326,8 +411,7 @@ private slots:
         MountTree tree;
         const QString src = tree.local() + "/short.bin";
         QVERIFY(makeSource(src, 2 * kMiB));
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
-        QVERIFY(writePatternFile(temporaryOf(tree, "short.bin"), 3 * kMiB, 5));
+        QVERIFY(placePattern(temporaryOf(tree, "short.bin"), 3 * kMiB, 5));
         Session s(tree, "short.bin");
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
@@ -386,7 +470,6 @@ private slots:
         MountTree tree;
         const QString src = tree.local() + "/c.bin";
         QVERIFY(makeSource(src, 3 * kMiB));
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
         QByteArray wrong = readAll(src).left(kMiB);
         wrong[1000] = char(wrong[1000] ^ 0x55);
         const QString tmp = temporaryOf(tree, "c.bin");
@@ -412,7 +495,6 @@ private slots:
         const QString src = tree.local() + "/same.bin";
         QVERIFY(makeSource(src, 4096));
         const QString dest = destinationOf(tree, "same.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
         QVERIFY(writeBytes(dest, "an older, different file"));
         QVERIFY(setMtime(dest, 1000));
         // A partial file is still offered as the offset, and left in place.
@@ -421,8 +503,8 @@ private slots:
         Session s(tree, "same.bin");
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
-        QVERIFY(s.clientLogs.contains("info", "uploadRequest: file " + src + " second pass."));
-        QVERIFY(s.serverLogs.contains("info", "uploadRespond: file " + dest + " second pass."));
+        QVERIFY(s.clientSecondPass(src));
+        QVERIFY(s.serverSecondPass(dest));
         QCOMPARE(readAll(dest), QByteArray("an older, different file"));
         QCOMPARE(mtimeOf(dest), kClientMtime);
         QCOMPARE(s.client->getParam("transferBeginSize", ""), QString("100"));
@@ -436,31 +518,38 @@ private slots:
     void identicalFileWithVerificationIsSecondPassEvenWithReplace_data() {
         QTest::addColumn<QString>("method");
         QTest::addColumn<QString>("replace");
+        QTest::addColumn<qint64>("destMtime");
+        QTest::addColumn<qint64>("offset"); // announced with a 100-byte partial file present
         QTest::newRow("md5") << "md5"
-                             << "false";
+                             << "false" << qint64(1000) << qint64(100);
         QTest::newRow("xxh3 replace") << "xxh3"
-                                      << "true";
+                                      << "true" << qint64(1000) << qint64(0);
         QTest::newRow("fileattr same mtime") << "fileattr"
-                                             << "false";
+                                             << "false" << kClientMtime << qint64(100);
     }
 
     void identicalFileWithVerificationIsSecondPassEvenWithReplace() {
         QFETCH(QString, method);
         QFETCH(QString, replace);
+        QFETCH(qint64, destMtime);
+        QFETCH(qint64, offset);
         MountTree tree;
         const QString src = tree.local() + "/id.bin";
         QVERIFY(makeSource(src, kMiB));
         const QString dest = destinationOf(tree, "id.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
-        QVERIFY(QFile::copy(src, dest));
-        QVERIFY(setMtime(dest, kClientMtime));
+        QVERIFY(writeBytes(dest, readAll(src)));
+        QVERIFY(setMtime(dest, destMtime));
+        QVERIFY(writeBytes(temporaryOf(tree, "id.bin"), QByteArray(100, 'p')));
         Session s(tree, "id.bin", method, replace);
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
-        QVERIFY(s.clientLogs.contains("info", "uploadRequest: file " + src + " second pass."));
-        QVERIFY(s.serverLogs.contains("info", "uploadRespond: file " + dest + " second pass."));
+        QVERIFY(s.clientSecondPass(src));
+        QVERIFY(s.serverSecondPass(dest));
+        QCOMPARE(mtimeOf(dest), kClientMtime);
+        QCOMPARE(s.client->getParam("transferBeginSize", ""), QString::number(offset));
+        QCOMPARE(s.counters.offset, offset);
         QCOMPARE(s.client->getParam("transferEndSize", "x"), QString());
-        QCOMPARE(s.counters.offset, qint64(0));
+        QCOMPARE(QFileInfo(temporaryOf(tree, "id.bin")).size(), qint64(100));
         QCOMPARE(s.errors(), QStringList());
     }
 
@@ -469,13 +558,12 @@ private slots:
         const QString src = tree.local() + "/attr.bin";
         QVERIFY(makeSource(src, kMiB, 1));
         const QString dest = destinationOf(tree, "attr.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
-        QVERIFY(writePatternFile(dest, kMiB, 2));
+        QVERIFY(placePattern(dest, kMiB, 2));
         QVERIFY(setMtime(dest, kClientMtime + 1));
         Session s(tree, "attr.bin", "fileattr");
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
-        QVERIFY(!s.clientLogs.contains("info", "uploadRequest: file " + src + " second pass."));
+        QVERIFY(!s.clientSecondPass(src));
         QCOMPARE(readAll(dest), readAll(src));
         QCOMPARE(mtimeOf(dest), kClientMtime);
     }
@@ -494,28 +582,21 @@ private slots:
         QFETCH(QString, transfer);
         MountTree tree;
         const QString dest = destinationOf(tree, "raw.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
-        QVERIFY(writePatternFile(dest, 777));
+        QVERIFY(placePattern(dest, 777));
         QVERIFY(setMtime(dest, 5000));
-        UdtPair pair = connectedPair();
-        Handler server = makeHandler();
-        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
-        AsyncTask task(server.get());
-        const QMap<QString, QString> param = {{"operator", "upload"}, {"fileName", "raw.bin"},
-                                              {"destPath", "in"},     {"rootPath", "root"},
-                                              {"appKey", "appA"},     {"bVerify", "fileattr"},
-                                              {"bReplace", "false"},  {"fileSize", "777"},
-                                              {"mtime", mtime},       {"verifyValue", "777"}};
-        QVERIFY(VESK::wire::sendFrame(pair.client.get(), 5, json(param)));
+        ScriptedClient peer(tree);
         QMap<QString, QString> ack;
-        QVERIFY(recvMessage(pair.client.get(), 6, ack));
+        QVERIFY(peer.start(taskParam("raw.bin", {{"bVerify", "fileattr"},
+                                                 {"fileSize", "777"},
+                                                 {"mtime", mtime},
+                                                 {"verifyValue", "777"}}),
+                           ack));
         QCOMPARE(ack.value("bTransfer"), transfer);
         if (transfer == "false") {
-            QVERIFY(task.wait(10000));
+            QVERIFY(peer.task->wait(10000));
             QCOMPARE(mtimeOf(dest), qint64(5000)); // -1 means no time is set
         } else {
-            UDT::close(pair.client.release());
-            QVERIFY(!task.wait(10000));
+            QVERIFY(!peer.hangUp());
         }
     }
 
@@ -526,7 +607,6 @@ private slots:
         const QString src = tree.local() + "/r.bin";
         QVERIFY(makeSource(src, kMiB + 5));
         const QString dest = destinationOf(tree, "r.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
         QVERIFY(writeBytes(dest, "old version"));
         Session s(tree, "r.bin", "false", "true");
         s.server->setParam("fileMod", "600");
@@ -543,8 +623,7 @@ private slots:
         const QString src = tree.local() + "/rv.bin";
         QVERIFY(makeSource(src, kMiB));
         const QString dest = destinationOf(tree, "rv.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
-        QVERIFY(writePatternFile(dest, kMiB, 8));
+        QVERIFY(placePattern(dest, kMiB, 8));
         Session s(tree, "rv.bin", "sha1", "true");
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
@@ -557,12 +636,11 @@ private slots:
         const QString src = tree.local() + "/d.bin";
         QVERIFY(makeSource(src, 2 * kMiB));
         const QString dest = destinationOf(tree, "d.bin");
-        QVERIFY(QDir().mkpath(QFileInfo(dest).path()));
         QVERIFY(writeBytes(dest, "different"));
         Session s(tree, "d.bin", "xxh3", "false");
         const TaskResults r = s.run();
         QVERIFY(r.client && r.server);
-        QVERIFY(!s.serverLogs.contains("info", "uploadRespond: file " + dest + " second pass."));
+        QVERIFY(!s.serverSecondPass(dest));
         QCOMPARE(readAll(dest), readAll(src));
         QCOMPARE(s.errors(), QStringList());
     }
@@ -571,7 +649,6 @@ private slots:
         MountTree tree;
         const QString src = tree.local() + "/a.bin";
         QVERIFY(makeSource(src, 200000));
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
         QVERIFY(writeBytes(temporaryOf(tree, "a.bin"), "left over|"));
         Session s(tree, "a.bin", "false", "true");
         const TaskResults r = s.run();
@@ -585,7 +662,6 @@ private slots:
         MountTree tree;
         const QString src = tree.local() + "/b.bin";
         QVERIFY(makeSource(src, 200000));
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
         const QString tmp = temporaryOf(tree, "b.bin");
         QVERIFY(writeBytes(tmp, "left over|"));
         Session s(tree, "b.bin", "md5", "true");
@@ -690,14 +766,13 @@ private slots:
         MountTree tree;
         QVERIFY(makeSource(tree.local() + "/o.bin", 4321));
         Session s(tree, "o.bin");
-        AsyncTask client(s.client.get());
         QMap<QString, QString> param;
-        QVERIFY(recvMessage(s.pair.server.get(), 5, param));
+        QVERIFY(s.startClient(param));
         QCOMPARE(param.keys(),
                  (QStringList{"appKey", "appVersion", "bReplace", "bVerify", "destPath", "fileName",
                               "fileSize", "mac", "mtime", "operator", "rootPath", "userName"}));
-        QVERIFY(VESK::wire::sendFrame(s.pair.server.get(), 6, json({{"ackRespond", "true"}})));
-        QVERIFY(!client.wait(10000));
+        QVERIFY(s.answer(6, {{"ackRespond", "true"}}));
+        QVERIFY(!s.clientTask->wait(10000));
         QCOMPARE(s.clientLogs.messages("error"),
                  QStringList{"uploadRequest: get offset[-1] fileSize[4321] failed."});
         QCOMPARE(s.counters.offset, qint64(-1));
@@ -708,14 +783,12 @@ private slots:
         MountTree tree;
         QVERIFY(makeSource(tree.local() + "/t.bin", 4321));
         Session s(tree, "t.bin");
-        AsyncTask client(s.client.get());
         QMap<QString, QString> param;
-        QVERIFY(recvMessage(s.pair.server.get(), 5, param));
+        QVERIFY(s.startClient(param));
         // The whole file is already there: a zero-length send, then the closing message.
-        QVERIFY(VESK::wire::sendFrame(s.pair.server.get(), 6,
-                                      json({{"ackRespond", "true"}, {"offset", "4321"}})));
-        QVERIFY(VESK::wire::sendFrame(s.pair.server.get(), 8, json({{"fileName", "t.bin"}})));
-        QVERIFY(client.wait(10000));
+        QVERIFY(s.answer(6, {{"ackRespond", "true"}, {"offset", "4321"}}));
+        QVERIFY(s.answer(8, {{"fileName", "t.bin"}}));
+        QVERIFY(s.clientTask->wait(10000));
         QCOMPARE(s.clientLogs.messages(), QStringList());
         QCOMPARE(s.client->getParam("transferEndSize", ""), QString("4321"));
         QCOMPARE(s.counters.offset, qint64(4321));
@@ -725,13 +798,10 @@ private slots:
         MountTree tree;
         QVERIFY(makeSource(tree.local() + "/n.bin", 10));
         Session s(tree, "n.bin");
-        AsyncTask client(s.client.get());
         QMap<QString, QString> param;
-        QVERIFY(recvMessage(s.pair.server.get(), 5, param));
-        QVERIFY(VESK::wire::sendFrame(
-            s.pair.server.get(), 6,
-            json({{"ackRespond", "false"}, {"errorType", "busy"}, {"offset", "3"}})));
-        QVERIFY(!client.wait(10000));
+        QVERIFY(s.startClient(param));
+        QVERIFY(s.answer(6, {{"ackRespond", "false"}, {"errorType", "busy"}, {"offset", "3"}}));
+        QVERIFY(!s.clientTask->wait(10000));
         QCOMPARE(s.clientLogs.messages(), QStringList{"uploadRequest: TaskParam Nak."});
         QCOMPARE(s.client->getLastError(), QString("busy"));
         QCOMPARE(s.client->getParam("transferBeginSize", ""), QString("3"));
@@ -742,19 +812,16 @@ private slots:
         MountTree tree;
         QVERIFY(makeSource(tree.local() + "/w.bin", 10));
         Session s(tree, "w.bin");
-        AsyncTask client(s.client.get());
         QMap<QString, QString> param;
-        QVERIFY(recvMessage(s.pair.server.get(), 5, param));
+        QVERIFY(s.startClient(param));
         QVERIFY(!param.contains("verifyValue"));
-        QVERIFY(VESK::wire::sendFrame(
-            s.pair.server.get(), 6,
-            json({{"ackRespond", "true"}, {"bTransfer", "true"}, {"offset", "0"}})));
+        QVERIFY(s.answer(6, {{"ackRespond", "true"}, {"bTransfer", "true"}, {"offset", "0"}}));
         QByteArray data(10, '\0');
         QVERIFY(VESK::wire::recvAll(s.pair.server.get(), data.data(), data.size()));
         QCOMPARE(data, readAll(tree.local() + "/w.bin"));
         // A verification result here would be a message of the wrong number.
-        QVERIFY(VESK::wire::sendFrame(s.pair.server.get(), 8, "{}"));
-        QVERIFY(client.wait(10000));
+        QVERIFY(s.answer(8, {}));
+        QVERIFY(s.clientTask->wait(10000));
         QCOMPARE(s.clientLogs.messages(), QStringList());
     }
 
@@ -763,26 +830,17 @@ private slots:
     void serverMessagesCarryAckVerifyResultAndFileName() {
         MountTree tree;
         const QByteArray data = "exactly these bytes";
-        UdtPair pair = connectedPair();
-        Handler server = makeHandler();
-        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
-        AsyncTask task(server.get());
-        const QMap<QString, QString> param = {
-            {"operator", "upload"},
-            {"fileName", "m.bin"},
-            {"destPath", "in"},
-            {"rootPath", "root"},
-            {"appKey", "appA"},
-            {"bVerify", "md5"},
-            {"bReplace", "false"},
-            {"fileSize", QString::number(data.size())},
-            {"mtime", QString::number(kClientMtime)},
-            {"verifyValue",
-             QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex())}};
-        const int socket = pair.client.get();
-        QVERIFY(VESK::wire::sendFrame(socket, 5, json(param)));
+        ScriptedClient peer(tree);
+        const QString md5 =
+            QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
+        const QMap<QString, QString> param =
+            taskParam("m.bin", {{"bVerify", "md5"},
+                                {"fileSize", QString::number(data.size())},
+                                {"mtime", QString::number(kClientMtime)},
+                                {"verifyValue", md5}});
         QMap<QString, QString> ack;
-        QVERIFY(recvMessage(socket, 6, ack));
+        QVERIFY(peer.start(param, ack));
+        const int socket = peer.socket();
         const QMap<QString, QString> expectedAck = {
             {"ackRespond", "true"}, {"bTransfer", "true"}, {"offset", "0"}};
         QCOMPARE(ack, expectedAck);
@@ -796,37 +854,24 @@ private slots:
         QVERIFY(recvMessage(socket, 8, complete));
         expectedResult.insert("fileName", "m.bin");
         QCOMPARE(complete, expectedResult);
-        QVERIFY(task.wait(10000));
+        QVERIFY(peer.task->wait(10000));
         QCOMPARE(readAll(destinationOf(tree, "m.bin")), data);
     }
 
     void missingClientFileSizeMakesAnyTemporaryFileTooLong() {
         MountTree tree;
-        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/root/in"));
         const QString tmp = temporaryOf(tree, "s.bin");
         QVERIFY(writeBytes(tmp, "12345"));
-        UdtPair pair = connectedPair();
-        Handler server = makeHandler();
-        LogCapture logs(server.get());
         // No "fileSize" in the map and none preset: the client's size counts as -1.
-        server->clearParam();
-        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
-        AsyncTask task(server.get());
-        const QMap<QString, QString> param = {{"operator", "upload"}, {"fileName", "s.bin"},
-                                              {"destPath", "in"},     {"rootPath", "root"},
-                                              {"appKey", "appA"},     {"bVerify", "false"}};
-        QVERIFY(VESK::wire::sendFrame(pair.client.get(), 5, json(param)));
+        ScriptedClient peer(tree, false);
         QMap<QString, QString> ack;
-        QVERIFY(recvMessage(pair.client.get(), 6, ack));
+        QVERIFY(peer.start(taskParam("s.bin", {}), ack));
         QCOMPARE(ack.value("offset"), QString("0"));
         QVERIFY(!QFile::exists(tmp));
-        QVERIFY(
-            logs.contains("warning", "uploadRespond: server tmp offset[5], client fileSize[-1]."));
+        QVERIFY(peer.logs.contains("warning",
+                                   "uploadRespond: server tmp offset[5], client fileSize[-1]."));
         // What follows depends on a transfer of -1 bytes; only the offset decision is checked.
-        UDT::close(pair.client.release());
-        bool done = false;
-        task.wait(10000, &done);
-        QVERIFY(done);
+        peer.hangUp();
     }
 
     void temporaryFileThatCannotBeRemovedFailsTheUpload() {
@@ -870,33 +915,21 @@ private slots:
 
     void brokenConnectionDuringReceiveNamesDestination() {
         MountTree tree;
-        UdtPair pair = connectedPair();
-        Handler server = makeHandler();
-        LogCapture logs(server.get());
-        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
-        AsyncTask task(server.get());
-        const QMap<QString, QString> param = {
-            {"operator", "upload"}, {"fileName", "z.bin"},  {"destPath", "in"},
-            {"rootPath", "root"},   {"appKey", "appA"},     {"bVerify", "false"},
-            {"bReplace", "false"},  {"fileSize", "100000"}, {"mtime", "1"}};
-        QVERIFY(VESK::wire::sendFrame(pair.client.get(), 5, json(param)));
+        ScriptedClient peer(tree);
         QMap<QString, QString> ack;
-        QVERIFY(recvMessage(pair.client.get(), 6, ack));
-        QVERIFY(VESK::wire::sendAll(pair.client.get(), "part", 4));
+        QVERIFY(peer.start(taskParam("z.bin", {{"fileSize", "100000"}, {"mtime", "1"}}), ack));
+        QVERIFY(VESK::wire::sendAll(peer.socket(), "part", 4));
         QThread::msleep(100);
-        UDT::close(pair.client.release());
-        bool done = false;
-        QVERIFY(!task.wait(20000, &done));
-        QVERIFY(done);
+        QVERIFY(!peer.hangUp());
         const QString dest = destinationOf(tree, "z.bin");
-        const QStringList errors = logs.messages("error");
+        const QStringList errors = peer.logs.messages("error");
         QCOMPARE(errors.size(), 1);
         QVERIFY(errors[0].startsWith("uploadRespond: recvfile " + dest + " failed.\n"));
         QVERIFY(errors[0].size() >
                 QString("uploadRespond: recvfile " + dest + " failed.\n").size());
         // The partial file stays for the next attempt.
         QCOMPARE(readAll(temporaryOf(tree, "z.bin")), QByteArray("part"));
-        QCOMPARE(server->getParam("transferEndSize", ""), QString("4"));
+        QCOMPARE(peer.server->getParam("transferEndSize", ""), QString("4"));
     }
 
     // ---- Server-side failures ----

@@ -42,6 +42,11 @@ SizeAndTime localSizeAndTime(const QString& path) {
 
 bool VeskHandler2_0_0::uploadRequest() {
     const QString fn = "uploadRequest";
+    // Every failure is logged at "error" and ends the upload.
+    const auto fail = [this](const QString& message) {
+        log("error", message);
+        return false;
+    };
     const int socket = getParam("clientSocket", "-1").toInt();
     const QString fileName = getParam("fileName", "");
     const QString srcPath = getParam("srcPath", "");
@@ -49,14 +54,10 @@ bool VeskHandler2_0_0::uploadRequest() {
     qint64* total = counterFromParam("total");
     qint64* offset = counterFromParam("offset");
     QString path = pathJoin(srcPath, fileName);
-    if (!total) {
-        log("error", QString("%1: get total failed.").arg(fn));
-        return false;
-    }
-    if (!offset) {
-        log("error", QString("%1: get offset failed.").arg(fn));
-        return false;
-    }
+    if (!total)
+        return fail(QString("%1: get total failed.").arg(fn));
+    if (!offset)
+        return fail(QString("%1: get offset failed.").arg(fn));
 
     ParamMap map;
     const QStringList keys = {"operator", "fileName",   "destPath", "rootPath", "userName",
@@ -69,18 +70,14 @@ bool VeskHandler2_0_0::uploadRequest() {
     map.insert("mtime", QString::number(local.mtime));
     if (method != "false") {
         const QString value = getFileVerifyValue(path, method);
-        if (value.isEmpty()) {
-            log("error", QString("%1: calc FileVerifyValue failed.").arg(fn));
-            return false;
-        }
+        if (value.isEmpty())
+            return fail(QString("%1: calc FileVerifyValue failed.").arg(fn));
         map.insert("verifyValue", value);
     }
     // The host sees the size even when the file then turns out to be missing.
     *total = local.size;
-    if (!exist(path)) {
-        log("error", QString("%1: file %2 not exist.").arg(fn, path));
-        return false;
-    }
+    if (!exist(path))
+        return fail(QString("%1: file %2 not exist.").arg(fn, path));
 
     ParamMap ack;
     if (!sendTaskParam(fn, map) || !recvTaskParamAck(fn, ack))
@@ -95,11 +92,9 @@ bool VeskHandler2_0_0::uploadRequest() {
         log("info", QString("%1: file %2 second pass.").arg(fn, path));
         return true;
     }
-    if (*offset < 0 || *offset > local.size) {
-        log("error", QString("%1: get offset[%2] fileSize[%3] failed.")
-                         .arg(fn, QString::number(*offset), QString::number(local.size)));
-        return false;
-    }
+    if (*offset < 0 || *offset > local.size)
+        return fail(QString("%1: get offset[%2] fileSize[%3] failed.")
+                        .arg(fn, QString::number(*offset), QString::number(local.size)));
 
     checkStatus();
     // The host's own counter is the offset the transfer advances, so it shows progress live.
@@ -107,21 +102,15 @@ bool VeskHandler2_0_0::uploadRequest() {
         return false;
 
     if (method != "false") {
-        if (!recvMap(FileVerifyResult, ack)) {
-            log("error", QString("%1: recv FileVerifyResult failed.").arg(fn));
-            return false;
-        }
-        if (ack.value("verifyResult") != "true") {
-            log("error", QString("%1: FileVerifyResult error.").arg(fn));
-            return false;
-        }
+        if (!recvMap(FileVerifyResult, ack))
+            return fail(QString("%1: recv FileVerifyResult failed.").arg(fn));
+        if (ack.value("verifyResult") != "true")
+            return fail(QString("%1: FileVerifyResult error.").arg(fn));
     }
     // The server's closing message says the file is in place; its contents do not matter.
     ParamMap complete;
-    if (!recvMap(TaskComplete, complete)) {
-        log("error", QString("%1: recv %2 failed.").arg(fn, QString::number(TaskComplete)));
-        return false;
-    }
+    if (!recvMap(TaskComplete, complete))
+        return fail(QString("%1: recv %2 failed.").arg(fn, QString::number(TaskComplete)));
     return true;
 }
 

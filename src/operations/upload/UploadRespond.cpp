@@ -35,6 +35,11 @@ bool needsTransfer(bool existed, bool replace, const QString& method, qint64 cli
 
 bool VeskHandler2_0_0::uploadRespond() {
     const QString fn = "uploadRespond";
+    // Every failure is logged at "error" and ends the upload.
+    const auto fail = [this](const QString& message) {
+        log("error", message);
+        return false;
+    };
     const int socket = getParam("serverSocket", "-1").toInt();
     const QString mountPath = getParam("mountPath", "");
     const QString fileName = getParam("fileName", "");
@@ -51,10 +56,8 @@ bool VeskHandler2_0_0::uploadRespond() {
     const QString clientValue = method != "false" ? getParam("verifyValue", "") : QString();
 
     const QString appPath = getAppPath(appKey);
-    if (appPath.isEmpty()) {
-        log("error", QString("%1: get path of app [%2] failed.").arg(fn, appKey));
-        return false;
-    }
+    if (appPath.isEmpty())
+        return fail(QString("%1: get path of app [%2] failed.").arg(fn, appKey));
     const QString root = pathJoin(pathJoin(mountPath, appPath), rootPath);
     QString dest = pathJoin(pathJoin(root, destPath), fileName);
     QString destDir = QFileInfo(dest).path();
@@ -77,10 +80,8 @@ bool VeskHandler2_0_0::uploadRespond() {
     setParam("mac", mac);
 
     QString tmp = generateTmpFilePath(dest);
-    if (!setParam("tmpFilePath", tmp)) {
-        log("error", QString("%1: setParam tmpFilePath %2 failed.").arg(fn, tmp));
-        return false;
-    }
+    if (!setParam("tmpFilePath", tmp))
+        return fail(QString("%1: setParam tmpFilePath %2 failed.").arg(fn, tmp));
     // The partial file of an earlier attempt is the resume point, unless the client replaces.
     qint64 offset = QFileInfo(tmp).size();
     const int openMode = replace ? kReplaceMode : kResumeMode;
@@ -90,10 +91,8 @@ bool VeskHandler2_0_0::uploadRespond() {
     if (offset < 0 || offset > fileSize) {
         log("warning", QString("%1: server tmp offset[%2], client fileSize[%3].")
                            .arg(fn, QString::number(offset), QString::number(fileSize)));
-        if (!QFile::remove(tmp)) {
-            log("error", QString("%1: remove tmp file %2 failed.").arg(fn, tmp));
-            return false;
-        }
+        if (!QFile::remove(tmp))
+            return fail(QString("%1: remove tmp file %2 failed.").arg(fn, tmp));
         offset = 0;
     }
 
@@ -110,14 +109,10 @@ bool VeskHandler2_0_0::uploadRespond() {
     }
 
     checkStatus();
-    if (!mkdir(destDir)) {
-        log("error", QString("%1: mkdir %2 failed.").arg(fn, destDir));
-        return false;
-    }
-    if (!chmodRecursively(root, destDir, dirMod)) {
-        log("error", QString("%1: chmodRecursively %2 failed.").arg(fn, destDir));
-        return false;
-    }
+    if (!mkdir(destDir))
+        return fail(QString("%1: mkdir %2 failed.").arg(fn, destDir));
+    if (!chmodRecursively(root, destDir, dirMod))
+        return fail(QString("%1: chmodRecursively %2 failed.").arg(fn, destDir));
     // Failures name the destination, which is what the client asked for, not the hidden file.
     if (!bulkTransfer(fn, Direction::Receive, socket, tmp, dest, openMode, offset, fileSize))
         return false;
@@ -128,35 +123,23 @@ bool VeskHandler2_0_0::uploadRespond() {
         // A file that does not match is of no use for resuming either.
         if (!same)
             QFile::remove(tmp);
-        if (!sendMap(FileVerifyResult, ack)) {
-            log("error", QString("%1: send FileVerifyResult failed.").arg(fn));
-            return false;
-        }
-        if (!same) {
-            log("error", QString("%1: FileVerify failed.").arg(fn));
-            return false;
-        }
+        if (!sendMap(FileVerifyResult, ack))
+            return fail(QString("%1: send FileVerifyResult failed.").arg(fn));
+        if (!same)
+            return fail(QString("%1: FileVerify failed.").arg(fn));
     }
 
     // The earlier version goes only now that the new data is complete and verified.
-    if (existed && !QFile::remove(dest)) {
-        log("error", QString("%1: removeFile %2 failed.").arg(fn, dest));
-        return false;
-    }
-    if (!chmod(tmp, fileMod)) {
-        log("error", QString("%1: chmod %2 failed.").arg(fn, tmp));
-        return false;
-    }
-    if (!QFile::rename(tmp, dest)) {
-        log("error", QString("%1: rename %2 to %3 failed.").arg(fn, tmp, dest));
-        return false;
-    }
+    if (existed && !QFile::remove(dest))
+        return fail(QString("%1: removeFile %2 failed.").arg(fn, dest));
+    if (!chmod(tmp, fileMod))
+        return fail(QString("%1: chmod %2 failed.").arg(fn, tmp));
+    if (!QFile::rename(tmp, dest))
+        return fail(QString("%1: rename %2 to %3 failed.").arg(fn, tmp, dest));
     UpdateMtime(dest, fn, mtime);
     ack.insert("fileName", fileName);
-    if (!sendMap(TaskComplete, ack)) {
-        log("error", QString("%1: send %2 failed.").arg(fn, QString::number(TaskComplete)));
-        return false;
-    }
+    if (!sendMap(TaskComplete, ack))
+        return fail(QString("%1: send %2 failed.").arg(fn, QString::number(TaskComplete)));
     return true;
 }
 
