@@ -127,6 +127,23 @@ bool bindOwnUdpSocket(int socket, const sockaddr_in& local, QString& reason) {
     return true;
 }
 
+// UDT files a newly connected socket for incoming data only when its receiving thread next comes
+// round (on the next datagram or its timer); a reply that arrives first is dropped, and the resend
+// after a timeout leaves UDT's rate control crawling (a few packets a second) for seconds. An
+// empty datagram to our own port brings that thread round now, ahead of any reply.
+void wakeReceiver(int socket) {
+    sockaddr_in self{};
+    int len = sizeof self;
+    if (UDT::getsockname(socket, reinterpret_cast<sockaddr*>(&self), &len) == UDT::ERROR)
+        return;
+    self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (udp < 0)
+        return;
+    ::sendto(udp, "", 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
+    ::close(udp);
+}
+
 // A new stream socket with the transfer options for host:port, or -1 with `error` set.
 int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
     ensureStarted();
@@ -160,6 +177,7 @@ int connectTo(const QString& host, quint16 port, QString* error) {
         setError(error, QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(reason));
         return -1;
     }
+    wakeReceiver(socket.get());
     return socket.release();
 }
 
