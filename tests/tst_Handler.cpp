@@ -184,6 +184,33 @@ private slots:
         QCOMPARE(h->getLastError(), QString("cancel"));
     }
 
+    void failedGetParamsLogsOneDumpMessage() {
+        VESK::VeskHandler2_0_0 handler;
+        LogCapture logs(&handler);
+        VESK::HandlerInternals in(handler);
+        handler.clearParam();
+        handler.setParam("operator", "list");
+        handler.setParam("srcPath", QString::fromUtf8("/d ü"));
+        VESK::ParamMap map;
+        QVERIFY(!in.collectTaskParam("listRequest", {"operator", "srcPath", "rootPath"}, map));
+        QVERIFY(map.isEmpty());
+        QCOMPARE(logs.messages("error"),
+                 (QStringList{"listRequest: getParams failed.",
+                              QString::fromUtf8("listRequest: params ====\n"
+                                                "operator:[list] srcPath:[/d ü] rootPath:[] ")}));
+    }
+
+    void completeKeySetIsCollectedWithoutLogging() {
+        VESK::VeskHandler2_0_0 handler;
+        LogCapture logs(&handler);
+        VESK::HandlerInternals in(handler);
+        handler.setParam("operator", "list");
+        VESK::ParamMap map;
+        QVERIFY(in.collectTaskParam("listRequest", {"operator", "mac"}, map));
+        QCOMPARE(map, (VESK::ParamMap{{"operator", "list"}, {"mac", ""}}));
+        QVERIFY(logs.entries().isEmpty());
+    }
+
     // ---- pause() and cancel() ----
 
     void pauseOnServerClosesItsSocket() {

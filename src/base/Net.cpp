@@ -91,9 +91,11 @@ bool applyOptions(int socket, int mss, QString* error) {
     return ok;
 }
 
-int connectTo(const QString& host, quint16 port, QString* error) {
+namespace {
+
+// A new stream socket with the transfer options for host:port, or -1 with `error` set.
+int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
     ensureStarted();
-    sockaddr_in addr{};
     if (!resolve(host, port, addr, error))
         return -1;
     Socket socket(UDT::socket(AF_INET, SOCK_STREAM, 0));
@@ -103,6 +105,16 @@ int connectTo(const QString& host, quint16 port, QString* error) {
         return -1;
     }
     if (!applyOptions(socket.get(), pathMss(host, port), error))
+        return -1;
+    return socket.release();
+}
+
+} // namespace
+
+int connectTo(const QString& host, quint16 port, QString* error) {
+    sockaddr_in addr{};
+    Socket socket(newSocket(host, port, addr, error));
+    if (!socket.valid())
         return -1;
     if (UDT::connect(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
         setError(error,
@@ -113,24 +125,12 @@ int connectTo(const QString& host, quint16 port, QString* error) {
 }
 
 int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error) {
-    ensureStarted();
     sockaddr_in addr{};
-    if (!resolve(host, port, addr, error))
+    Socket socket(newSocket(host, port, addr, error));
+    if (!socket.valid())
         return -1;
-    Socket socket(UDT::socket(AF_INET, SOCK_STREAM, 0));
-    if (socket.get() == UDT::INVALID_SOCK) {
-        socket.release();
-        setError(error, QStringLiteral("cannot create a socket: %1").arg(udtError()));
-        return -1;
-    }
-    if (!applyOptions(socket.get(), pathMss(host, port), error))
-        return -1;
-    if (UDT::bind(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
-        setError(error,
-                 QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
-        return -1;
-    }
-    if (UDT::listen(socket.get(), 128) == UDT::ERROR) {
+    if (UDT::bind(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR ||
+        UDT::listen(socket.get(), 128) == UDT::ERROR) {
         setError(error,
                  QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
         return -1;
@@ -164,12 +164,15 @@ bool setReceiveTimeout(int socket, int ms) {
 void drainAndClose(int socket, int timeoutMs) {
     if (socket < 0)
         return;
-    for (int waited = 0; waited < timeoutMs; waited += 10) {
+    // UDT acknowledges a lone small message only after a few hundred milliseconds, so waiting
+    // for the acknowledgement is slow; a peer that has hung up already had everything it needed.
+    for (int waited = 0; waited < timeoutMs; waited += 5) {
         int pending = 0;
         int len = sizeof pending;
-        if (UDT::getsockopt(socket, 0, UDT_SNDDATA, &pending, &len) == UDT::ERROR || pending == 0)
+        if (UDT::getsockstate(socket) != CONNECTED ||
+            UDT::getsockopt(socket, 0, UDT_SNDDATA, &pending, &len) == UDT::ERROR || pending == 0)
             break;
-        QThread::msleep(10);
+        QThread::msleep(5);
     }
     UDT::close(socket);
 }

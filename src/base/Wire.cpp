@@ -22,13 +22,16 @@ QString lastUdtError() {
 
 } // namespace
 
-bool sendAll(int socket, const char* data, qint64 len, QString* error) {
-    // UDT::send takes an int length and may write only part of it.
+namespace {
+
+// Moves exactly `len` bytes with UDT::send or UDT::recv, which may move only part of a request.
+template <typename Move, typename Buffer>
+bool moveAll(Move move, const char* verb, int socket, Buffer data, qint64 len, QString* error) {
     while (len > 0) {
         const int chunk = int(std::min<qint64>(len, 1 << 30));
-        const int n = UDT::send(socket, data, chunk, 0);
+        const int n = move(socket, data, chunk, 0);
         if (n == UDT::ERROR || n <= 0) {
-            setError(error, QStringLiteral("send failed: %1").arg(lastUdtError()));
+            setError(error, QStringLiteral("%1 failed: %2").arg(verb, lastUdtError()));
             return false;
         }
         data += n;
@@ -37,18 +40,14 @@ bool sendAll(int socket, const char* data, qint64 len, QString* error) {
     return true;
 }
 
+} // namespace
+
+bool sendAll(int socket, const char* data, qint64 len, QString* error) {
+    return moveAll(UDT::send, "send", socket, data, len, error);
+}
+
 bool recvAll(int socket, char* data, qint64 len, QString* error) {
-    while (len > 0) {
-        const int chunk = int(std::min<qint64>(len, 1 << 30));
-        const int n = UDT::recv(socket, data, chunk, 0);
-        if (n == UDT::ERROR || n <= 0) {
-            setError(error, QStringLiteral("receive failed: %1").arg(lastUdtError()));
-            return false;
-        }
-        data += n;
-        len -= n;
-    }
-    return true;
+    return moveAll(UDT::recv, "receive", socket, data, len, error);
 }
 
 bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* error) {

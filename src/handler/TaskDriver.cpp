@@ -44,17 +44,9 @@ bool VeskHandler2_0_0::process() {
 }
 
 bool VeskHandler2_0_0::request() {
-    const QString op = getParam("operator", "");
-    if (op == "upload")
-        return uploadRequest();
-    if (op == "download")
-        return downloadRequest();
-    if (op == "list")
-        return listRequest();
-    if (op == "createDir")
-        return createDirRequest();
-    log("error", QString("%1: not found operator [%2].").arg("request", op));
-    return false;
+    return dispatch("request", getParam("operator", ""), &VeskHandler2_0_0::uploadRequest,
+                    &VeskHandler2_0_0::downloadRequest, &VeskHandler2_0_0::listRequest,
+                    &VeskHandler2_0_0::createDirRequest);
 }
 
 bool VeskHandler2_0_0::respond() {
@@ -73,16 +65,24 @@ bool VeskHandler2_0_0::respond() {
         setParam("return", "false");
         throw QString("return");
     }
+    // For an unknown operator no TaskParamAck goes out: the client fails on its own receive.
+    return dispatch("respond", op, &VeskHandler2_0_0::uploadRespond,
+                    &VeskHandler2_0_0::downloadRespond, &VeskHandler2_0_0::listRespond,
+                    &VeskHandler2_0_0::createDirRespond);
+}
+
+bool VeskHandler2_0_0::dispatch(const QString& function, const QString& op, Operation upload,
+                                Operation download, Operation list, Operation createDir) {
+    // Exact, case-sensitive names, in this order.
     if (op == "upload")
-        return uploadRespond();
+        return (this->*upload)();
     if (op == "download")
-        return downloadRespond();
+        return (this->*download)();
     if (op == "list")
-        return listRespond();
+        return (this->*list)();
     if (op == "createDir")
-        return createDirRespond();
-    // No TaskParamAck goes out: the client fails on its own receive.
-    log("error", QString("%1: not found operator [%2].").arg("respond", op));
+        return (this->*createDir)();
+    log("error", QString("%1: not found operator [%2].").arg(function, op));
     return false;
 }
 

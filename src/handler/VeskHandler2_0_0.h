@@ -67,6 +67,10 @@ private:
 
     // ---- handler/TaskDriver.cpp ----
     void transfer();
+    using Operation = bool (VeskHandler2_0_0::*)();
+    // Runs the operation named `op`; logs "not found operator" under `function` otherwise.
+    bool dispatch(const QString& function, const QString& op, Operation upload, Operation download,
+                  Operation list, Operation createDir);
     // Leaves the operation through process() when a pause or cancel has been requested.
     void checkStatus();
     // The opening exchange every client request shares: getParams over `keys` (with the

@@ -133,14 +133,26 @@ bool AsyncTask::wait(int timeoutMs, bool* finished) {
     return m_state->result;
 }
 
-TaskResults runTask(VeskBase* client, VeskBase* server, int timeoutMs) {
+namespace {
+
+// Waits for both tasks; with `serverSocket`, closes it once the server's process() has returned.
+TaskResults runBoth(VeskBase* client, VeskBase* server, VESK::net::Socket* serverSocket,
+                    int timeoutMs) {
     TaskResults results;
     AsyncTask serverTask(server);
     AsyncTask clientTask(client);
-    bool clientDone = false;
     bool serverDone = false;
-    results.client = clientTask.wait(timeoutMs, &clientDone);
-    results.server = serverTask.wait(clientDone ? timeoutMs : 1000, &serverDone);
+    bool clientDone = false;
+    if (serverSocket) {
+        results.server = serverTask.wait(timeoutMs, &serverDone);
+        // Drained first, so a reply the server did send still reaches the client.
+        if (serverDone)
+            serverSocket->reset();
+        results.client = clientTask.wait(serverDone ? timeoutMs : 1000, &clientDone);
+    } else {
+        results.client = clientTask.wait(timeoutMs, &clientDone);
+        results.server = serverTask.wait(clientDone ? timeoutMs : 1000, &serverDone);
+    }
     if (!clientDone || !serverDone) {
         // Unblock whatever still waits in UDT; the sockets belong to the test's pair, which
         // closes them again harmlessly.
@@ -151,6 +163,17 @@ TaskResults runTask(VeskBase* client, VeskBase* server, int timeoutMs) {
         results.server = serverTask.wait(timeoutMs);
     }
     return results;
+}
+
+} // namespace
+
+TaskResults runTask(VeskBase* client, VeskBase* server, int timeoutMs) {
+    return runBoth(client, server, nullptr, timeoutMs);
+}
+
+TaskResults runTaskClosingServer(VeskBase* client, VeskBase* server,
+                                 VESK::net::Socket& serverSocket, int timeoutMs) {
+    return runBoth(client, server, &serverSocket, timeoutMs);
 }
 
 // ---- Configuration ----------------------------------------------------------------------------

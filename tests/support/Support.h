@@ -61,6 +61,12 @@ struct TaskResults {
 // `timeoutMs` both sockets are closed to unblock them and timedOut is set.
 TaskResults runTask(VeskBase* client, VeskBase* server, int timeoutMs = 60000);
 
+// As runTask, but closes the server's socket once the server's process() has returned, the way
+// the host ends a connection. A client still waiting for a reply the server never sends (every
+// server-side failure) then fails at once instead of waiting for the timeout.
+TaskResults runTaskClosingServer(VeskBase* client, VeskBase* server,
+                                 VESK::net::Socket& serverSocket, int timeoutMs = 60000);
+
 // Runs one handler's process() on a thread of its own; wait() returns its result.
 class AsyncTask {
 public:

@@ -3,13 +3,61 @@
 namespace VESK {
 
 bool VeskHandler2_0_0::createDirRequest() {
-    log("error", QString("%1: not implemented.").arg("createDirRequest"));
-    return false;
+    const QString function = "createDirRequest";
+    const QStringList keys = {"operator", "destPath", "rootPath",
+                              "userName", "appKey",   "appVersion"};
+    ParamMap map;
+    if (!collectTaskParam(function, keys, map))
+        return false;
+    if (!sendTaskParam(function, map))
+        return false;
+    // The server answers only when the directory is in place; any failure of its own ends the
+    // connection without a reply, which the receive below reports.
+    ParamMap ack;
+    if (!recvTaskParamAck(function, ack))
+        return false;
+    return ackAccepted(function, ack);
 }
 
 bool VeskHandler2_0_0::createDirRespond() {
-    log("error", QString("%1: not implemented.").arg("createDirRespond"));
-    return false;
+    const QString function = "createDirRespond";
+    const QString mountPath = getParam("mountPath", "");
+    const QString destPath = getParam("destPath", "");
+    const QString rootPath = getParam("rootPath", "");
+    // Carried in the TaskParam for the record; creating a directory does not depend on them.
+    const QString userName = getParam("userName", "");
+    const QString appKey = getParam("appKey", "");
+    const QString appVersion = getParam("appVersion", "");
+    Q_UNUSED(userName);
+    Q_UNUSED(appVersion);
+    const int mode = parseMode(getParam("dirMod", ""));
+
+    const QString appPath = getAppPath(appKey);
+    if (appPath.isEmpty()) {
+        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+        return false;
+    }
+
+    // pathJoin keeps every piece the client sent below the mount.
+    QString dir = pathJoin(pathJoin(pathJoin(mountPath, appPath), rootPath), destPath);
+    log("info", QString("%1: %2 ...").arg(function, dir));
+
+    // An existing directory is not a short cut: mkdir runs in every case and decides.
+    exist(dir);
+    if (!mkdir(dir)) {
+        log("error", QString("%1: mkdir %2 failed.").arg(function, dir));
+        return false;
+    }
+    // The mode goes to each directory below the root path down to the target, not to the root.
+    const QString base = pathJoin(pathJoin(mountPath, appPath), rootPath);
+    if (!chmodRecursively(base, dir, mode)) {
+        log("error", QString("%1: chmodRecursively %2 failed.").arg(function, dir));
+        return false;
+    }
+
+    ParamMap reply;
+    reply.insert("ackRespond", "true");
+    return sendTaskParamAck(function, reply);
 }
 
 } // namespace VESK
