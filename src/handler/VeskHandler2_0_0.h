@@ -105,6 +105,20 @@ private:
     // Address of a host-owned progress counter from "total"/"offset"; null when not supplied.
     qint64* counterFromParam(const QString& key);
 
+    // ---- operations/download/ ----
+    // Checks the received temporary file against the server's value and tells the server the
+    // outcome; a mismatching file is deleted.
+    bool sendVerifyResult(const QString& function, QString& tmpPath, const QString& method,
+                          const QString& expected);
+    // Deletes the temporary file whose length the server rejected; the offset restarts at 0.
+    bool dropRejectedTmpFile(const QString& function, const QString& tmpPath, qint64& offset,
+                             qint64 fileSize);
+    // Replaces the old destination (if any) with the received temporary file.
+    bool placeDownloadedFile(const QString& function, const QString& tmpPath,
+                             const QString& destination, bool replaceOld);
+    // The server's wait for the client's FileVerifyResult (when verifying) and TaskComplete.
+    bool recvDownloadEnd(const QString& function, bool verifying);
+
     // ---- files/MtimeAndAppPath.cpp ----
     QString getAppPath(const QString& appKey);
     void UpdateMtime(QString& path, QString funcName, qint64 mtime);
