@@ -222,7 +222,6 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
     setInterruptReaction(nullptr);
     if (drawing)
         progress.finish();
-    result.moved = progress.bytesMoved();
     result.interrupted = interrupts.load() > 0;
     return ok;
 }
@@ -261,6 +260,8 @@ int runTask(const ClientTask& task, TaskResult& result) {
     result.infos = log.messages("info");
     result.beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
     result.total = total;
+    // What this run moved, from where the server's offer let it start.
+    result.moved = std::max<qint64>(0, offset - result.beginOffset);
     return -1;
 }
 

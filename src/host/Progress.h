@@ -19,11 +19,11 @@ public:
     // Draws the last state and ends the line; later output starts on a fresh line.
     void finish();
 
-    // Bytes moved by this run (the resume offset not included) and the seconds it took.
+private:
+    // Bytes moved and seconds passed since the counters were first seen moving.
     qint64 bytesMoved() const;
     double seconds() const;
 
-private:
     static qint64 read(const qint64* counter);
     QString line(qint64 total, qint64 offset) const;
 
