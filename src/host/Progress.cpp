@@ -31,6 +31,8 @@ void ProgressBar::update() {
         m_clock.restart();
     }
     m_lastOffset = offset;
+    if (m_doneAfter < 0.0 && total > 0 && offset >= total)
+        m_doneAfter = seconds();
     if (!m_visible)
         return;
     writeErr('\r' + line(total, offset));
@@ -49,20 +51,26 @@ qint64 ProgressBar::bytesMoved() const {
 }
 
 double ProgressBar::seconds() const {
-    return double(m_clock.elapsed()) / 1000.0;
+    return m_doneAfter >= 0.0 ? m_doneAfter : double(m_clock.elapsed()) / 1000.0;
 }
 
 QString ProgressBar::line(qint64 total, qint64 offset) const {
     const double elapsed = seconds();
     const double rate = elapsed > 0.2 ? double(bytesMoved()) / elapsed : 0.0;
     const int percent = total > 0 ? int(std::min<qint64>(100, offset * 100 / total)) : 100;
-    QString left = QStringLiteral("--:--");
-    if (rate > 0.0)
-        left = formatDuration(qint64(double(std::max<qint64>(0, total - offset)) / rate + 0.5));
+    QString left = QStringLiteral("--:-- left");
+    if (m_doneAfter >= 0.0)
+        left = QStringLiteral("finishing");
+    else if (rate > 0.0)
+        left = formatDuration(qint64(double(std::max<qint64>(0, total - offset)) / rate + 0.5)) +
+               " left";
 
-    const QString text =
-        QString(" %1 / %2  %3/s  %4 left")
-            .arg(formatBytes(offset), formatBytes(total), formatBytes(qint64(rate)), left);
+    // Fixed widths keep the bar from changing length as the numbers grow.
+    const QString text = QString(" %1 / %2 %3/s %4")
+                             .arg(formatBytes(offset), 10)
+                             .arg(formatBytes(total), -10)
+                             .arg(formatBytes(qint64(rate)), 11)
+                             .arg(left, 11);
     const QString head = QString("%1% ").arg(percent, 3);
     // The bar takes what the terminal leaves; at least 10 cells so it stays a bar.
     const int cells = std::max(10, terminalWidth() - 1 - int(head.size() + text.size()) - 2);

@@ -34,6 +34,9 @@ private:
     // The first offset seen: a resumed transfer's rate counts only what this run moved.
     qint64 m_startOffset = -1;
     qint64 m_lastOffset = 0;
+    // Seconds until the last byte was handed over; the rate stops there, since what follows is
+    // the server's verification and the final messages.
+    double m_doneAfter = -1.0;
     QElapsedTimer m_clock;
 };
 
