@@ -384,6 +384,49 @@ private slots:
         QCOMPARE(server.stop(), 0);
     }
 
+    void downloadWithReplaceDiscardsTheLocalPartialFile() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        const QString original = s.appA() + "/r.bin";
+        QVERIFY(writePatternFile(original, 2 * 1024 * 1024, 11));
+        const QString destination = s.local() + "/r.bin";
+        QVERIFY(writePatternFile(destination, 1000, 12));
+        QVERIFY(writePatternFile(partialOf(destination), 5000, 13));
+
+        const Run run = runVesk({"download", "--replace", server.url("appA/r.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(original, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void uploadWithReplaceIsVerifiedSoAStalePartialFileCannotSpoilIt() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        const QString original = s.local() + "/p.bin";
+        QVERIFY(writePatternFile(original, 2 * 1024 * 1024, 14));
+        const QString destination = s.appA() + "/p.bin";
+        QVERIFY(writePatternFile(partialOf(destination), 5000, 15));
+
+        // The server appends to its partial file; the verification catches it and removes it.
+        Run run = runVesk({"upload", "--replace", original, server.url("appA")});
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.err, QString("vesk: verification failed: the copy differs from the original "
+                                  "and its partial data was removed; run the same command "
+                                  "again\n"));
+        QVERIFY(!QFileInfo::exists(destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+
+        run = runVesk({"upload", "--replace", original, server.url("appA")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(original, destination));
+        QCOMPARE(server.stop(), 0);
+    }
+
     void rootOptionPlacesTheFileBelowTheRoot() {
         Scratch s;
         ServeProcess server(s.mount());

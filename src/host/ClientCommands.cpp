@@ -46,7 +46,10 @@ const QCommandLineOption kVerify("verify",
                                  "xxh3 (default: no verification).",
                                  "METHOD", "false");
 const QCommandLineOption kReplace("replace",
-                                  "Start over instead of resuming, and replace an existing file.");
+                                  "Replace an existing file, and start over instead of resuming. "
+                                  "An upload with --replace is verified (xxh3 unless --verify "
+                                  "names a method): the server appends to a partial file it may "
+                                  "still hold, and only verification catches that.");
 const QCommandLineOption kQuiet("quiet", "No progress line and no message on success.");
 const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
 
@@ -109,8 +112,15 @@ int readTransferOptions(const QCommandLineParser& parser, ClientTask& task) {
     if (!kVerifyMethods.contains(method))
         return usageError(task.command, QString("unknown verify method '%1' (one of %2)")
                                             .arg(method, kVerifyMethods.mid(1).join(", ")));
-    task.params.insert("bVerify", method);
-    task.params.insert("bReplace", parser.isSet(kReplace) ? "true" : "false");
+    const bool replace = parser.isSet(kReplace);
+    // The upload server restarts a replaced file at offset 0 but appends to its partial file;
+    // verification turns the mixed result into a failure that removes it, instead of a
+    // silently wrong copy.
+    const bool verifyReplacedUpload = replace && task.op == QLatin1String("upload");
+    task.params.insert("bVerify", method == QLatin1String("false") && verifyReplacedUpload
+                                      ? QStringLiteral("xxh3")
+                                      : method);
+    task.params.insert("bReplace", replace ? "true" : "false");
     task.counters = true;
     return -1;
 }
@@ -268,8 +278,8 @@ int runTask(const ClientTask& task, TaskResult& result) {
 QString interruptedText(const ClientTask& task, const QString& stop) {
     const bool cancelled = stop == QLatin1String("cancel");
     if (task.op == QLatin1String("upload"))
-        return cancelled ? QString("cancelled; the part already sent stays on the server (run "
-                                   "the command with --replace to start over)")
+        return cancelled ? QString("cancelled; the part already sent stays on the server, and "
+                                   "the same command resumes from it")
                          : QString("interrupted; the part already sent stays on the server: "
                                    "run the same command again to resume");
     if (task.op == QLatin1String("download"))
@@ -288,6 +298,12 @@ QString rateText(const TaskResult& r) {
     if (r.beginOffset > 0)
         text += QString(", resumed at %1").arg(formatBytes(r.beginOffset));
     return text;
+}
+
+// Where a download keeps its partial data: the base names it dir/.name.vesk-part.
+QString partialFileOf(const QString& destination) {
+    const QFileInfo info(destination);
+    return QDir(info.path()).filePath("." + info.fileName() + ".vesk-part");
 }
 
 bool wasSecondPass(const TaskResult& r) {
@@ -396,6 +412,15 @@ int runDownload(const QStringList& args) {
     task.params.insert("srcPath", task.url.directory());
     task.params.insert("destPath", localDir);
 
+    // With --replace the handler starts at offset 0 but appends to a partial file it finds;
+    // the partial file is the client's own, so it goes first and the download starts clean.
+    if (parser.isSet(kReplace)) {
+        const QString partial = partialFileOf(task.localPath);
+        if (QFileInfo::exists(partial) && !QFile::remove(partial)) {
+            printErr(QString("vesk: cannot remove the partial file %1").arg(partial));
+            return kExitFailed;
+        }
+    }
     // The handler keeps an existing file without asking the server; say so instead of
     // connecting for nothing.
     if (QFileInfo::exists(task.localPath) && !parser.isSet(kReplace) &&
