@@ -2,11 +2,14 @@
 
 #include "Console.h"
 
+#include <QtGlobal>
+
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
 #include <pthread.h>
 #include <thread>
+#include <unistd.h>
 
 namespace VESK {
 namespace host {
@@ -41,8 +44,13 @@ void watch() {
         // The reaction runs under the lock, so a command that replaces it afterwards knows the
         // old one is not running any more.
         std::lock_guard<std::mutex> lock(state().mutex);
-        if (!state().reaction)
+        if (!state().reaction) {
+            // Nothing is running that could keep a partial state worth stopping cleanly.
+            static const char message[] = "vesk: interrupted\n";
+            const ssize_t written = ::write(STDERR_FILENO, message, sizeof message - 1);
+            Q_UNUSED(written)
             std::_Exit(kExitInterrupted);
+        }
         state().reaction(signal, ++state().count);
     }
 }
