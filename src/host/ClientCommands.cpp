@@ -246,7 +246,7 @@ int runTask(const ClientTask& task, TaskResult& result) {
         return kExitFailed;
     }
     PluginLoader::Handler handler = loader.create();
-    // Declared after the handler, so it is drained and closed after the handler is gone.
+    // Drained and closed when this returns, once the task is over.
     net::Socket socket = openConnection(task, handler.get());
     if (!socket.valid())
         return kExitFailed;
