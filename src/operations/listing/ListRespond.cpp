@@ -1,9 +1,93 @@
 #include "handler/VeskHandler2_0_0.h"
 
+#include <QDir>
+#include <QFileInfo>
+
 namespace VESK {
 
+namespace {
+// Message number of a listing chunk.
+constexpr int kListContent = 9;
+// A chunk goes out once its key count, less one, reaches this: the first one at 100 entries
+// beside "bLast", every later one at 101 entries (the key is not put back after a send).
+constexpr int kChunkLimit = 100;
+} // namespace
+
 bool VeskHandler2_0_0::listRespond() {
-    log("error", QString("%1: not implemented.").arg("listRespond"));
+    // The stop is looked at only once the client has its acknowledgment; this reading is unused.
+    getStatus();
+    const QString function = "listRespond";
+    ParamMap chunk;
+
+    const QString mountPath = getParam("mountPath", "");
+    const QString srcPath = getParam("srcPath", "");
+    const QString rootPath = getParam("rootPath", "");
+    const QString userName = getParam("userName", "");
+    const QString appKey = getParam("appKey", "");
+    const QString appVersion = getParam("appVersion", "");
+    Q_UNUSED(userName)
+    Q_UNUSED(appVersion)
+
+    const QString appPath = getAppPath(appKey);
+    if (appPath.isEmpty()) {
+        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+        return false;
+    }
+    // pathJoin confines each client-supplied piece, so the root stays inside the mount.
+    QString root = pathJoin(pathJoin(pathJoin(mountPath, appPath), rootPath), srcPath);
+    log("info", QString("%1: %2 ...").arg(function, root));
+    // Nothing at all goes to the client before the acknowledgment; it fails on its own receive.
+    if (!exist(root)) {
+        log("error", QString("%1: dir %2 is not exist.").arg(function, root));
+        return false;
+    }
+
+    chunk.clear();
+    chunk.insert("ackRespond", "true");
+    if (!sendTaskParamAck(function, chunk))
+        return false;
+    checkStatus();
+
+    // Breadth-first: directories found go to the end of the queue, so each depth is finished
+    // before the next one starts and a directory's pair always precedes its contents.
+    QStringList pending{root};
+    chunk.clear();
+    chunk.insert("bLast", "false");
+    while (!pending.isEmpty()) {
+        const QString dir = pending.takeFirst();
+        const QFileInfoList entries =
+            QDir(dir).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot, QDir::NoSort);
+        for (const QFileInfo& entry : entries) {
+            const QString full = entry.filePath();
+            if (!full.startsWith(root)) {
+                log("error", QString("%1: get ListContent failed.").arg(function));
+                return false;
+            }
+            QString rel = full.mid(root.size());
+            // A root ending in "/" leaves the separator out of the relative part.
+            if (!rel.startsWith('/'))
+                rel.prepend('/');
+            if (entry.isFile()) {
+                chunk.insert(rel, "file");
+            } else if (entry.isDir()) {
+                chunk.insert(rel, "dir");
+                pending.append(full);
+            }
+            if (chunk.size() - 1 >= kChunkLimit) {
+                if (!sendMap(kListContent, chunk)) {
+                    log("error", QString("%1: send ListContent failed.").arg(function));
+                    return false;
+                }
+                chunk.clear();
+            }
+        }
+        checkStatus();
+    }
+
+    chunk.insert("bLast", "true");
+    if (sendMap(kListContent, chunk))
+        return true;
+    log("error", QString("%1: send ListContent failed.").arg(function));
     return false;
 }
 
