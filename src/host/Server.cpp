@@ -30,6 +30,16 @@ void sendRefusalAck(int socket, const QString& errorType) {
     wire::sendFrame(socket, kTaskParamAck, VeskBase::serializeParam(ack).toUtf8());
 }
 
+// The line that says what failed: the operation's own, rather than the transport detail the
+// base logs just before it ("recv: message 5: ...").
+QString failureReason(const QStringList& errors, const QString& lastError) {
+    for (const QString& line : errors) {
+        if (!line.startsWith(QLatin1String("recv: ")) && !line.startsWith(QLatin1String("send: ")))
+            return line.simplified();
+    }
+    return errors.isEmpty() ? lastError : errors.first().simplified();
+}
+
 qint64 paramNumber(VeskBase* handler, const QString& key) {
     return handler->getParam(key, "").toLongLong();
 }
@@ -279,7 +289,7 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
         } else if (lastError == QLatin1String("cancel")) {
             result = "cancelled";
         } else {
-            result = "failed: " + (errors.isEmpty() ? lastError : errors.first().simplified());
+            result = "failed: " + failureReason(errors, lastError);
         }
     }
     const QString op = handler->getParam("operator", "");
