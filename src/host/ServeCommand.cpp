@@ -10,9 +10,10 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QLoggingCategory>
 #include <QRegularExpression>
 #include <QSettings>
+
+#include <algorithm>
 
 namespace VESK {
 namespace host {
