@@ -300,12 +300,6 @@ QString rateText(const TaskResult& r) {
     return text;
 }
 
-// Where a download keeps its partial data: the base names it dir/.name.vesk-part.
-QString partialFileOf(const QString& destination) {
-    const QFileInfo info(destination);
-    return QDir(info.path()).filePath("." + info.fileName() + ".vesk-part");
-}
-
 bool wasSecondPass(const TaskResult& r) {
     for (const QString& line : r.infos) {
         if (line.endsWith(QLatin1String(" second pass.")))
@@ -415,7 +409,7 @@ int runDownload(const QStringList& args) {
     // With --replace the handler starts at offset 0 but appends to a partial file it finds;
     // the partial file is the client's own, so it goes first and the download starts clean.
     if (parser.isSet(kReplace)) {
-        const QString partial = partialFileOf(task.localPath);
+        const QString partial = VeskBase::tmpFilePathFor(task.localPath);
         if (QFileInfo::exists(partial) && !QFile::remove(partial)) {
             printErr(QString("vesk: cannot remove the partial file %1").arg(partial));
             return kExitFailed;
