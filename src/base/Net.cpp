@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <netdb.h>
@@ -26,6 +27,7 @@ constexpr int kUdtBufferBytes = 64 * 1024 * 1024;
 // packets): a burst then overflows the receiving socket and UDT's rate control backs off for the
 // rest of the transfer. A process that may (CAP_NET_ADMIN) raises it to this size.
 constexpr int kUdpBufferBytes = 32 * 1024 * 1024;
+constexpr int kCloseGraceMs = 20;
 
 QString udtError() {
     return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
@@ -66,7 +68,12 @@ QString describe(const sockaddr_in& addr) {
 
 void ensureStarted() {
     static std::once_flag once;
-    std::call_once(once, [] { UDT::startup(); });
+    std::call_once(once, [] {
+        UDT::startup();
+        // Registered after UDT's own globals exist, so it runs before they are destroyed: UDT's
+        // collector thread must be stopped first, or it races their destruction at exit.
+        std::atexit([] { UDT::cleanup(); });
+    });
 }
 
 int pathMss(const QString& host, quint16 port) {
@@ -217,6 +224,10 @@ int acceptOn(int listener, QString* peer, QString* error) {
     return s;
 }
 
+bool setReceiveTimeout(int socket, int ms) {
+    return UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &ms, sizeof ms) != UDT::ERROR;
+}
+
 void drainAndClose(int socket, int timeoutMs) {
     if (socket < 0)
         return;
@@ -230,6 +241,11 @@ void drainAndClose(int socket, int timeoutMs) {
             break;
         QThread::msleep(5);
     }
+    // A peer whose last packet we have not acknowledged yet can miss our close (seen in about
+    // one close in ten on loopback) and would then wait for UDT's keep-alive timeout, tens of
+    // seconds. A short grace lets the acknowledgement go out first.
+    if (UDT::getsockstate(socket) == CONNECTED)
+        QThread::msleep(kCloseGraceMs);
     UDT::close(socket);
 }
 
