@@ -164,6 +164,10 @@ int acceptOn(int listener, QString* peer, QString* error) {
     return s;
 }
 
+bool setReceiveTimeout(int socket, int ms) {
+    return UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &ms, sizeof ms) != UDT::ERROR;
+}
+
 void drainAndClose(int socket, int timeoutMs) {
     if (socket < 0)
         return;

@@ -28,6 +28,9 @@ int listenOn(const QString& host, quint16 port, quint16* boundPort = nullptr,
 // Accepts one connection; -1 with `error` set when the listener fails or was closed.
 int acceptOn(int listener, QString* peer = nullptr, QString* error = nullptr);
 
+// Bounds each receive on `socket` to `ms` milliseconds; -1 waits without limit (UDT's default).
+bool setReceiveTimeout(int socket, int ms);
+
 // Waits (at most `timeoutMs`) until the socket has no unsent data, then closes it. With zero
 // linger this is what keeps the last control message from being cut off.
 void drainAndClose(int socket, int timeoutMs = 5000);

@@ -323,6 +323,10 @@ QString VeskBase::getFileVerifyValue(QString& path, QString method) {
 }
 
 QString VeskBase::generateTmpFilePath(QString& path) {
+    return tmpFilePathFor(path);
+}
+
+QString VeskBase::tmpFilePathFor(const QString& path) {
     // Hidden, beside the destination (so the final rename stays on one file system), and the
     // same for every attempt (so a later attempt finds it and resumes).
     const int slash = path.lastIndexOf('/');

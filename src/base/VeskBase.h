@@ -48,6 +48,8 @@ public:
     static bool exist(QString& path);
     static bool chmod(const QString& path, int mode);
     static bool chmodRecursively(const QString& base, const QString& path, int mode);
+    // Where `path` is received before it is complete: dir/.name.vesk-part beside it.
+    static QString tmpFilePathFor(const QString& path);
 
     // The integer a handler passes for an empty "fileMod"/"dirMod": keep the created mode.
     static constexpr int kModeNotConfigured = 777;

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 
 namespace VESK {
 
@@ -9,19 +10,33 @@ namespace {
 
 const char* const kPluginName = "vesk_2_0_0";
 
-QString pluginDirectory(const QString& directory) {
+QString pluginBaseName() {
+    return QString("lib") + kPluginName;
+}
+
+QString pluginFile(const QString& directory) {
     if (!directory.isEmpty())
-        return directory;
+        return QDir(directory).filePath(pluginBaseName());
     const QString fromEnv = qEnvironmentVariable("VESK_PLUGIN_PATH");
     if (!fromEnv.isEmpty())
-        return fromEnv;
-    return QDir(QCoreApplication::applicationDirPath()).filePath("../lib");
+        return QDir(fromEnv).filePath(pluginBaseName());
+    // The build tree keeps the plug-in in ../lib beside bin/; an installed vesk finds it in the
+    // plug-in directory that the build recorded relative to the installed binary.
+    const QDir binDir(QCoreApplication::applicationDirPath());
+    const QStringList candidates{QStringLiteral("../lib"),
+                                 QStringLiteral(VESK_INSTALLED_PLUGIN_DIR)};
+    for (const QString& candidate : candidates) {
+        const QString file = QDir(binDir.filePath(candidate)).filePath(pluginBaseName());
+        if (QFileInfo::exists(file + ".so"))
+            return file;
+    }
+    return QDir(binDir.filePath(candidates.first())).filePath(pluginBaseName());
 }
 
 } // namespace
 
 PluginLoader::PluginLoader(const QString& directory)
-    : m_library(QDir(pluginDirectory(directory)).filePath(QString("lib") + kPluginName)) {}
+    : m_library(pluginFile(directory)) {}
 
 bool PluginLoader::load(QString* error) {
     if (!m_library.load()) {

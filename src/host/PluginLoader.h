@@ -13,7 +13,8 @@ namespace VESK {
 
 class PluginLoader {
 public:
-    // Looks in `directory`, else $VESK_PLUGIN_PATH, else ../lib beside the executable.
+    // Looks in `directory`, else $VESK_PLUGIN_PATH, else ../lib beside the executable (the build
+    // tree), else the plug-in directory of an installed vesk.
     explicit PluginLoader(const QString& directory = QString());
     bool load(QString* error);
     QString fileName() const { return m_library.fileName(); }

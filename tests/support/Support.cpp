@@ -90,7 +90,7 @@ UdtPair connectedPair() {
 }
 
 void setReceiveTimeout(int socket, int ms) {
-    UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &ms, sizeof ms);
+    VESK::net::setReceiveTimeout(socket, ms);
 }
 
 int socketState(int socket) {

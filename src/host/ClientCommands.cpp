@@ -1,0 +1,480 @@
+#include "ClientCommands.h"
+
+#include "CommandLine.h"
+#include "Console.h"
+#include "ErrorText.h"
+#include "HostHello.h"
+#include "PluginLoader.h"
+#include "Progress.h"
+#include "SignalHandling.h"
+#include "TaskLog.h"
+#include "Url.h"
+#include "base/Net.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSysInfo>
+
+#include <udt/udt.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <pwd.h>
+#include <thread>
+#include <unistd.h>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+const char* const kAppVersion = "2.0.0";
+const QStringList kVerifyMethods{"false", "fileattr", "md5", "sha1", "sha256", "xxh3"};
+// How often the progress line is redrawn and interrupts are looked at.
+constexpr int kPollMs = 100;
+
+// ---- Options shared by the client commands ----------------------------------------------------
+
+const QCommandLineOption kRoot("root", "Root directory inside the application's directory.", "R");
+const QCommandLineOption kVerify("verify",
+                                 "Verify the copy with METHOD: fileattr, md5, sha1, sha256 or "
+                                 "xxh3 (default: no verification).",
+                                 "METHOD", "false");
+const QCommandLineOption kReplace("replace",
+                                  "Replace an existing file, and start over instead of resuming. "
+                                  "An upload with --replace is verified (xxh3 unless --verify "
+                                  "names a method): the server appends to a partial file it may "
+                                  "still hold, and only verification catches that.");
+const QCommandLineOption kQuiet("quiet", "No progress line and no message on success.");
+const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
+
+// One task as the user asked for it, before anything is connected.
+struct ClientTask {
+    ClientTask(const QString& commandName, const QString& operation)
+        : command(commandName)
+        , op(operation) {}
+
+    QString command; // the command's name, for messages
+    QString op;      // the handler's "operator"
+    VeskUrl url;
+    ParamMap params; // the operation's own parameters
+    QString localPath;
+    QString plugins;
+    bool quiet = false;
+    bool counters = false; // upload and download report progress through the two counters
+    bool json = false;
+};
+
+struct TaskResult {
+    bool ok = false;
+    bool interrupted = false;
+    QString lastError;
+    QStringList errors;
+    QStringList infos;
+    qint64 beginOffset = 0;
+    qint64 total = 0;
+    qint64 moved = 0;
+    double seconds = 0.0;
+};
+
+QString localUserName() {
+    if (const passwd* pw = ::getpwuid(::geteuid()))
+        return QString::fromLocal8Bit(pw->pw_name);
+    return qEnvironmentVariable("USER");
+}
+
+// What the server records as the client machine: the machine id, or the host name without one.
+QString machineIdentity() {
+    const QByteArray id = QSysInfo::machineUniqueId();
+    return id.isEmpty() ? QSysInfo::machineHostName() : QString::fromLatin1(id);
+}
+
+// Reads the URL (positional argument `urlIndex`) and the options every client command has;
+// -1 to go on, else the exit status.
+int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task) {
+    QString error;
+    if (!parseUrl(parser.positionalArguments().at(urlIndex), task.url, &error))
+        return usageError(task.command, error);
+    task.params.insert("rootPath", parser.value(kRoot));
+    task.plugins = parser.value("plugins");
+    task.quiet = parser.isSet(kQuiet);
+    return -1;
+}
+
+// Reads --verify and --replace (upload and download); -1 to go on, else the exit status.
+int readTransferOptions(const QCommandLineParser& parser, ClientTask& task) {
+    const QString method = parser.value(kVerify);
+    if (!kVerifyMethods.contains(method))
+        return usageError(task.command, QString("unknown verify method '%1' (one of %2)")
+                                            .arg(method, kVerifyMethods.mid(1).join(", ")));
+    const bool replace = parser.isSet(kReplace);
+    // The upload server restarts a replaced file at offset 0 but appends to its partial file;
+    // verification turns the mixed result into a failure that removes it, instead of a
+    // silently wrong copy.
+    const bool verifyReplacedUpload = replace && task.op == QLatin1String("upload");
+    task.params.insert("bVerify", method == QLatin1String("false") && verifyReplacedUpload
+                                      ? QStringLiteral("xxh3")
+                                      : method);
+    task.params.insert("bReplace", replace ? "true" : "false");
+    task.counters = true;
+    return -1;
+}
+
+void printChunk(const QMap<QString, QString>& chunk, bool json) {
+    QString text;
+    for (auto it = chunk.constBegin(); it != chunk.constEnd(); ++it) {
+        if (json)
+            text += QString::fromUtf8(
+                        QJsonDocument(QJsonObject{{"path", it.key()}, {"type", it.value()}})
+                            .toJson(QJsonDocument::Compact)) +
+                    '\n';
+        else
+            text += it.key() + (it.value() == QLatin1String("dir") ? "/" : "") + '\n';
+    }
+    if (!text.isEmpty())
+        writeOut(text);
+}
+
+void configure(VeskBase* handler, const ClientTask& task, int socket, qint64* total,
+               qint64* offset) {
+    handler->setParam("endPoint", "client");
+    handler->setParam("operator", task.op);
+    handler->setParam("clientSocket", QString::number(socket));
+    handler->setParam("appKey", task.url.appKey);
+    handler->setParam("userName", localUserName());
+    handler->setParam("appVersion", kAppVersion);
+    handler->setParam("mac", machineIdentity());
+    for (auto it = task.params.constBegin(); it != task.params.constEnd(); ++it)
+        handler->setParam(it.key(), it.value());
+    if (task.counters) {
+        handler->setParam("total", QString::number(reinterpret_cast<quintptr>(total)));
+        handler->setParam("offset", QString::number(reinterpret_cast<quintptr>(offset)));
+    }
+}
+
+// Connects, greets the server and returns the socket; on failure prints why and returns an
+// invalid socket.
+net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
+    QString error;
+    net::Socket socket(net::connectTo(task.url.host, task.url.port, &error));
+    if (!socket.valid()) {
+        printErr("vesk: " + error);
+        return socket;
+    }
+    QString protocol, version, errorType;
+    splitProtocolKey(handler->getKey(), &protocol, &version);
+    switch (clientHello(socket.get(), protocol, version, &errorType, &error)) {
+    case HelloResult::Accepted:
+        return socket;
+    case HelloResult::Refused:
+        printErr("vesk: " + refusalSentence(errorType, task.url, task.op));
+        break;
+    case HelloResult::Failed:
+        printErr(QString("vesk: %1:%2 did not answer as a vesk server (%3)")
+                     .arg(task.url.host, QString::number(task.url.port), error));
+        break;
+    }
+    return net::Socket();
+}
+
+// Runs process() on a worker thread while this thread draws progress. Ctrl-C pauses the
+// handler and closes the socket, so a transfer blocked in UDT returns at once; a second Ctrl-C
+// turns the pause into a cancel.
+bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, const qint64* total,
+                         const qint64* offset, TaskResult& result) {
+    std::atomic<int> interrupts{0};
+    setInterruptReaction([handler, socket, &interrupts](int, int count) {
+        interrupts.store(count);
+        if (count == 1) {
+            handler->pause();
+            // The handler leaves a client's socket open; the host owns it and closes it.
+            UDT::close(socket);
+        } else {
+            handler->cancel();
+        }
+    });
+
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    bool ok = false;
+    std::thread worker([&] {
+        const bool processed = handler->process();
+        std::lock_guard<std::mutex> lock(mutex);
+        ok = processed;
+        done = true;
+        finished.notify_all();
+    });
+
+    ProgressBar progress(total, offset, task.counters && !task.quiet && stderrIsTerminal());
+    bool drawing = true;
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (finished.wait_for(lock, std::chrono::milliseconds(kPollMs), [&] { return done; }))
+                break;
+        }
+        if (interrupts.load() > 0 && drawing) {
+            progress.finish();
+            drawing = false;
+            printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
+        }
+        if (drawing)
+            progress.update();
+    }
+    worker.join();
+    // The old reaction is not running once this returns: it captured locals of this frame.
+    setInterruptReaction(nullptr);
+    if (drawing)
+        progress.finish();
+    result.interrupted = interrupts.load() > 0;
+    return ok;
+}
+
+// Connects and runs the task. Returns -1 when the task ran (its outcome is in `result`), else
+// the exit status of a failure before it could start.
+int runTask(const ClientTask& task, TaskResult& result) {
+    PluginLoader loader(task.plugins);
+    QString error;
+    if (!loader.load(&error)) {
+        printErr("vesk: " + error);
+        return kExitFailed;
+    }
+    PluginLoader::Handler handler = loader.create();
+    // Drained and closed when this returns, once the task is over.
+    net::Socket socket = openConnection(task, handler.get());
+    if (!socket.valid())
+        return kExitFailed;
+
+    qint64 total = 0;
+    qint64 offset = 0;
+    configure(handler.get(), task, socket.get(), &total, &offset);
+    TaskLog log(handler.get());
+    if (task.op == QLatin1String("list")) {
+        const bool json = task.json;
+        QObject::connect(handler.get(), &VeskBase::sigList,
+                         [json](QMap<QString, QString> chunk) { printChunk(chunk, json); });
+    }
+
+    QElapsedTimer clock;
+    clock.start();
+    result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
+    result.seconds = double(clock.elapsed()) / 1000.0;
+    result.lastError = handler->getLastError();
+    result.errors = log.errors();
+    result.infos = log.messages("info");
+    result.beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
+    result.total = total;
+    // What this run moved, from where the server's offer let it start.
+    result.moved = std::max<qint64>(0, offset - result.beginOffset);
+    return -1;
+}
+
+QString interruptedText(const ClientTask& task, const QString& stop) {
+    const bool cancelled = stop == QLatin1String("cancel");
+    if (task.op == QLatin1String("upload"))
+        return cancelled ? QString("cancelled; the part already sent stays on the server, and "
+                                   "the same command resumes from it")
+                         : QString("interrupted; the part already sent stays on the server: "
+                                   "run the same command again to resume");
+    if (task.op == QLatin1String("download"))
+        return cancelled ? QString("cancelled; the partial file was removed")
+                         : QString("interrupted; the partial file stays beside %1: run the same "
+                                   "command again to resume")
+                               .arg(task.localPath);
+    return cancelled ? QString("cancelled") : QString("interrupted");
+}
+
+QString rateText(const TaskResult& r) {
+    const double rate = r.seconds > 0.0 ? double(r.moved) / r.seconds : 0.0;
+    QString text = QString("%1 in %2 s (%3/s)")
+                       .arg(formatBytes(r.moved), QString::number(r.seconds, 'f', 1),
+                            formatBytes(qint64(rate)));
+    if (r.beginOffset > 0)
+        text += QString(", resumed at %1").arg(formatBytes(r.beginOffset));
+    return text;
+}
+
+bool wasSecondPass(const TaskResult& r) {
+    for (const QString& line : r.infos) {
+        if (line.endsWith(QLatin1String(" second pass.")))
+            return true;
+    }
+    return false;
+}
+
+// Runs the task and reports it: a message on success (unless --quiet), one sentence on failure.
+int runAndReport(const ClientTask& task, const std::function<QString(const TaskResult&)>& done) {
+    TaskResult r;
+    const int early = runTask(task, r);
+    if (early >= 0)
+        return early;
+    if (!r.ok && r.interrupted &&
+        (r.lastError == QLatin1String("pause") || r.lastError == QLatin1String("cancel"))) {
+        printErr("vesk: " + interruptedText(task, r.lastError));
+        return kExitInterrupted;
+    }
+    if (r.ok) {
+        const QString text = done ? done(r) : QString();
+        if (!task.quiet && !text.isEmpty())
+            printErr("vesk: " + text);
+        return kExitOk;
+    }
+    printErr("vesk: " +
+             clientFailureSentence({task.op, task.url, task.localPath, r.lastError, r.errors}));
+    return kExitFailed;
+}
+
+const char* const kUrlForm = "vesk://HOST:PORT/APPKEY/PATH";
+
+} // namespace
+
+int runUpload(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, pluginsOption()});
+    parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
+    parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
+    const CommandHelp help{
+        "upload", "LOCAL_FILE URL_OF_DIR",
+        "Uploads LOCAL_FILE into a directory of an application on a vesk server. An interrupted "
+        "upload (Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels.",
+        "  vesk upload ./report.pdf vesk://127.0.0.1:9000/appA/docs --verify xxh3"};
+    const int parsed = parseCommand(parser, args, help, 2, 2);
+    if (parsed >= 0)
+        return parsed;
+
+    ClientTask task("upload", "upload");
+    if (const int status = readCommon(parser, 1, task); status >= 0)
+        return status;
+    if (const int status = readTransferOptions(parser, task); status >= 0)
+        return status;
+    const QFileInfo local(parser.positionalArguments().at(0));
+    task.localPath = local.absoluteFilePath();
+    if (!local.exists()) {
+        printErr(QString("vesk: no such local file: %1").arg(local.filePath()));
+        return kExitFailed;
+    }
+    if (!local.isFile()) {
+        printErr(QString("vesk: not a regular file: %1").arg(local.filePath()));
+        return kExitFailed;
+    }
+    task.params.insert("fileName", local.fileName());
+    task.params.insert("srcPath", local.absolutePath());
+    task.params.insert("destPath", task.url.path);
+
+    const QString target = task.url.toString() + '/' + local.fileName();
+    return runAndReport(task, [&](const TaskResult& r) {
+        if (wasSecondPass(r))
+            return QString("%1 is already on the server; nothing sent").arg(target);
+        return QString("uploaded %1 to %2: %3").arg(local.fileName(), target, rateText(r));
+    });
+}
+
+int runDownload(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, pluginsOption()});
+    parser.addPositionalArgument("URL_OF_FILE",
+                                 QString("The file on the server: %1.").arg(kUrlForm));
+    parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
+                                 "[LOCAL_DIR]");
+    const CommandHelp help{
+        "download", "URL_OF_FILE [LOCAL_DIR]",
+        "Downloads one file of an application from a vesk server. An interrupted download "
+        "(Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels and removes "
+        "the partial file. An existing local file is kept unless --replace or --verify is given.",
+        "  vesk download vesk://127.0.0.1:9000/appA/docs/report.pdf ~/Downloads"};
+    const int parsed = parseCommand(parser, args, help, 1, 2);
+    if (parsed >= 0)
+        return parsed;
+
+    ClientTask task("download", "download");
+    if (const int status = readCommon(parser, 0, task); status >= 0)
+        return status;
+    if (const int status = readTransferOptions(parser, task); status >= 0)
+        return status;
+    if (task.url.path.isEmpty())
+        return usageError(task.command, QString("%1 names no file").arg(task.url.toString()));
+    const QString localDir =
+        QFileInfo(parser.positionalArguments().value(1, QDir::currentPath())).absoluteFilePath();
+    task.localPath = QDir(localDir).filePath(task.url.fileName());
+    task.params.insert("fileName", task.url.fileName());
+    task.params.insert("srcPath", task.url.directory());
+    task.params.insert("destPath", localDir);
+
+    // With --replace the handler starts at offset 0 but appends to a partial file it finds;
+    // the partial file is the client's own, so it goes first and the download starts clean.
+    if (parser.isSet(kReplace)) {
+        const QString partial = VeskBase::tmpFilePathFor(task.localPath);
+        if (QFileInfo::exists(partial) && !QFile::remove(partial)) {
+            printErr(QString("vesk: cannot remove the partial file %1").arg(partial));
+            return kExitFailed;
+        }
+    }
+    // The handler keeps an existing file without asking the server; say so instead of
+    // connecting for nothing.
+    if (QFileInfo::exists(task.localPath) && !parser.isSet(kReplace) &&
+        task.params.value("bVerify") == QLatin1String("false")) {
+        if (!task.quiet)
+            printErr(QString("vesk: %1 already exists; nothing downloaded (--replace downloads "
+                             "it again, --verify METHOD compares it with the server's copy)")
+                         .arg(task.localPath));
+        return kExitOk;
+    }
+    return runAndReport(task, [&](const TaskResult& r) {
+        if (wasSecondPass(r))
+            return QString("%1 already holds the server's copy; nothing received")
+                .arg(task.localPath);
+        return QString("downloaded %1 to %2: %3")
+            .arg(task.url.toString(), task.localPath, rateText(r));
+    });
+}
+
+int runList(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRoot, kJson, kQuiet, pluginsOption()});
+    parser.addPositionalArgument("URL", QString("The directory to list: %1.").arg(kUrlForm));
+    const CommandHelp help{
+        args.value(0, "ls"), "URL",
+        "Lists a directory of an application on a vesk server, recursively: one entry per line, "
+        "its path below the listed directory, directories ending in \"/\". Lines appear as the "
+        "server sends them.",
+        "  vesk ls vesk://127.0.0.1:9000/appA/docs\n"
+        "  vesk ls --json vesk://127.0.0.1:9000/appA"};
+    const int parsed = parseCommand(parser, args, help, 1, 1);
+    if (parsed >= 0)
+        return parsed;
+
+    ClientTask task(help.name, "list");
+    if (const int status = readCommon(parser, 0, task); status >= 0)
+        return status;
+    task.json = parser.isSet(kJson);
+    task.params.insert("srcPath", task.url.path);
+    return runAndReport(task, nullptr);
+}
+
+int runMkdir(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRoot, kQuiet, pluginsOption()});
+    parser.addPositionalArgument("URL", QString("The directory to create: %1.").arg(kUrlForm));
+    const CommandHelp help{"mkdir", "URL",
+                           "Creates a directory (and its missing parents) in an application's "
+                           "directory on a vesk server. An existing directory is fine.",
+                           "  vesk mkdir vesk://127.0.0.1:9000/appA/docs/2024"};
+    const int parsed = parseCommand(parser, args, help, 1, 1);
+    if (parsed >= 0)
+        return parsed;
+
+    ClientTask task("mkdir", "createDir");
+    if (const int status = readCommon(parser, 0, task); status >= 0)
+        return status;
+    task.params.insert("destPath", task.url.path);
+    return runAndReport(task, [&](const TaskResult&) { return "created " + task.url.toString(); });
+}
+
+} // namespace host
+} // namespace VESK

@@ -1,0 +1,55 @@
+#include "CommandLine.h"
+
+#include "Console.h"
+
+#include <QRegularExpression>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+QString helpText(const QCommandLineParser& parser, const CommandHelp& help) {
+    // Qt's usage line names only the program; the command goes after it.
+    QString text = parser.helpText();
+    const int lineEnd = text.indexOf('\n');
+    text.replace(0, lineEnd, QString("Usage: vesk %1 [options] %2").arg(help.name, help.arguments));
+    return text + "\nExample:\n" + help.example + "\n";
+}
+
+} // namespace
+
+int usageError(const QString& command, const QString& message) {
+    printErr(QString("vesk %1: %2; see 'vesk %1 --help'").arg(command, message));
+    return kExitUsage;
+}
+
+QCommandLineOption pluginsOption() {
+    return {"plugins",
+            "Directory that holds the plug-in (default: $VESK_PLUGIN_PATH, then the "
+            "directory installed beside vesk).",
+            "DIR"};
+}
+
+int parseCommand(QCommandLineParser& parser, const QStringList& args, const CommandHelp& help,
+                 int minPositional, int maxPositional) {
+    parser.setApplicationDescription(help.description);
+    const QCommandLineOption helpOption(QStringList{"h", "help"}, "Show this help.");
+    parser.addOption(helpOption);
+    if (!parser.parse(args))
+        return usageError(help.name, parser.errorText().remove(QRegularExpression("\\.$")));
+    if (parser.isSet(helpOption)) {
+        printOut(helpText(parser, help).trimmed());
+        return kExitOk;
+    }
+    const int count = parser.positionalArguments().size();
+    if (count < minPositional)
+        return usageError(help.name, QString("expected %1").arg(help.arguments));
+    if (count > maxPositional)
+        return usageError(help.name, QString("unexpected argument '%1'")
+                                         .arg(parser.positionalArguments().value(maxPositional)));
+    return -1;
+}
+
+} // namespace host
+} // namespace VESK

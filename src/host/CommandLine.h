@@ -1,0 +1,32 @@
+#pragma once
+
+// Parsing one command's arguments with the conventions every vesk command shares: --help with
+// an example, bad usage reported in one line and exit status 2.
+
+#include <QCommandLineParser>
+#include <QStringList>
+
+namespace VESK {
+namespace host {
+
+struct CommandHelp {
+    QString name;        // "upload"
+    QString arguments;   // "LOCAL_FILE URL_OF_DIR"
+    QString description; // what the command does, a few lines
+    QString example;     // one or more example lines
+};
+
+// Adds --help, parses `args` (args[0] is the command name) and checks the number of positional
+// arguments. Returns -1 to go on, or the exit status after printing the help (0) or a usage
+// error (2).
+int parseCommand(QCommandLineParser& parser, const QStringList& args, const CommandHelp& help,
+                 int minPositional, int maxPositional);
+
+// Prints "vesk COMMAND: MESSAGE; see 'vesk COMMAND --help'" and returns 2.
+int usageError(const QString& command, const QString& message);
+
+// The option every command that loads the plug-in takes.
+QCommandLineOption pluginsOption();
+
+} // namespace host
+} // namespace VESK

@@ -1,0 +1,238 @@
+#include "ServeCommand.h"
+
+#include "CommandLine.h"
+#include "Console.h"
+#include "PluginLoader.h"
+#include "Server.h"
+#include "SignalHandling.h"
+#include "Url.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QSettings>
+
+#include <algorithm>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+// Settings a config file may hold besides its [apps] group; each is also a command-line option.
+const QStringList kSettings{"listen", "mount",           "file-mode", "dir-mode",
+                            "log",    "max-connections", "plugins"};
+// Settings that name a file or directory: relative ones are taken from the config file's place.
+const QStringList kPathSettings{"mount", "log", "plugins"};
+
+struct RawOptions {
+    QMap<QString, QString> values;       // setting -> text
+    QList<QPair<QString, QString>> apps; // KEY, DIR as written
+};
+
+QString settingText(const QVariant& value) {
+    // An unquoted value with commas reads back as a list; it was one text to the user.
+    return value.type() == QVariant::StringList ? value.toStringList().join(',') : value.toString();
+}
+
+// Reads an INI file into `raw`; "" on success, else the problem.
+QString readConfigFile(const QString& path, RawOptions& raw) {
+    if (!QFileInfo(path).isFile() || !QFileInfo(path).isReadable())
+        return QString("cannot read the config file %1").arg(path);
+    QSettings settings(path, QSettings::IniFormat);
+    if (settings.status() != QSettings::NoError)
+        return QString("%1 is not a valid INI file").arg(path);
+    const QDir base = QFileInfo(path).absoluteDir();
+    for (const QString& key : settings.childKeys()) {
+        if (!kSettings.contains(key))
+            return QString("unknown setting '%1' in %2").arg(key, path);
+        QString text = settingText(settings.value(key));
+        if (kPathSettings.contains(key) && !text.isEmpty())
+            text = base.absoluteFilePath(text);
+        raw.values[key] = text;
+    }
+    for (const QString& group : settings.childGroups()) {
+        if (group != QLatin1String("apps"))
+            return QString("unknown section [%1] in %2").arg(group, path);
+    }
+    settings.beginGroup("apps");
+    for (const QString& key : settings.childKeys())
+        raw.apps.append({key, settingText(settings.value(key))});
+    settings.endGroup();
+    return QString();
+}
+
+// An --app directory, made relative to the mount: the handler joins it under the mount with a
+// join that never leaves it, so an absolute directory elsewhere could never be reached.
+QString appDirUnderMount(const QString& mount, const QString& dir, QString* error) {
+    if (dir.isEmpty() || dir.contains(':') || dir.contains('%')) {
+        *error = QString("the application directory '%1' must be non-empty and contain neither "
+                         "':' nor '%'")
+                     .arg(dir);
+        return QString();
+    }
+    QString relative = dir;
+    if (QDir::isAbsolutePath(dir)) {
+        relative = QDir(mount).relativeFilePath(QDir::cleanPath(dir));
+        // The mount may be reached through a link; compare where both really are, too.
+        const QString realMount = QFileInfo(mount).canonicalFilePath();
+        const QString realDir = QFileInfo(dir).canonicalFilePath();
+        if (relative.startsWith(QLatin1String("..")) && !realDir.isEmpty())
+            relative = QDir(realMount).relativeFilePath(realDir);
+    }
+    relative = QDir::cleanPath(relative);
+    if (relative == QLatin1String("..") || relative.startsWith(QLatin1String("../")) ||
+        QDir::isAbsolutePath(relative)) {
+        *error = QString("the application directory '%1' is not inside the mount %2 (a relative "
+                         "directory is taken from the mount)")
+                     .arg(dir, mount);
+        return QString();
+    }
+    return relative;
+}
+
+bool isOctalMode(const QString& text) {
+    static const QRegularExpression octal("^[0-7]{1,4}$");
+    return text.isEmpty() || octal.match(text).hasMatch();
+}
+
+// Checks the merged options and fills `config`; "" on success, else the problem.
+QString buildConfig(const RawOptions& raw, ServeConfig& config) {
+    QString error;
+    if (!parseHostPort(raw.values.value("listen", "127.0.0.1:9000"), config.host, config.port, true,
+                       &error))
+        return "--listen: " + error;
+
+    const QString mount = raw.values.value("mount");
+    if (mount.isEmpty())
+        return QString("--mount DIR is required");
+    if (!QFileInfo(mount).isDir())
+        return QString("the mount directory %1 does not exist").arg(mount);
+    config.mount = QDir::cleanPath(QFileInfo(mount).absoluteFilePath());
+
+    for (const auto& app : raw.apps) {
+        if (app.first.isEmpty() || app.first.contains(':') || app.first.contains('%'))
+            return QString("the application key '%1' must be non-empty and contain neither ':' "
+                           "nor '%'")
+                .arg(app.first);
+        const QString dir = appDirUnderMount(config.mount, app.second, &error);
+        if (dir.isEmpty())
+            return error;
+        // A later definition of the same key (the command line after the file) wins.
+        config.apps.erase(std::remove_if(config.apps.begin(), config.apps.end(),
+                                         [&](const AppEntry& e) { return e.key == app.first; }),
+                          config.apps.end());
+        config.apps.append({app.first, dir});
+    }
+    if (config.apps.isEmpty())
+        return QString("give at least one --app KEY=DIR");
+
+    config.fileMode = raw.values.value("file-mode");
+    config.dirMode = raw.values.value("dir-mode");
+    if (!isOctalMode(config.fileMode) || !isOctalMode(config.dirMode))
+        return QString("--file-mode and --dir-mode take octal modes such as 644 and 755");
+
+    bool ok = true;
+    config.maxConnections = raw.values.value("max-connections", "64").toInt(&ok);
+    if (!ok || config.maxConnections < 1)
+        return QString("--max-connections takes a number of at least 1");
+
+    config.logFile = raw.values.value("log");
+    if (!config.logFile.isEmpty()) {
+        config.logFile = QFileInfo(config.logFile).absoluteFilePath();
+        QFile log(config.logFile);
+        if (!log.open(QIODevice::WriteOnly | QIODevice::Append))
+            return QString("cannot write the log file %1").arg(config.logFile);
+    }
+    config.plugins = raw.values.value("plugins");
+    return QString();
+}
+
+// Creates the applications' directories so that a fresh mount works at once.
+bool createAppDirectories(const ServeConfig& config) {
+    for (const AppEntry& app : config.apps) {
+        const QString dir = config.appDirectory(app.key);
+        if (!QDir().mkpath(dir)) {
+            printErr(QString("vesk: cannot create the directory %1 of application '%2'")
+                         .arg(dir, app.key));
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+int runServe(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({
+        {"listen",
+         "Address and port to listen on; port 0 picks a free one (default "
+         "127.0.0.1:9000).",
+         "HOST:PORT"},
+        {"mount", "The directory every application's files live under.", "DIR"},
+        {"app",
+         "An application: its key and its directory, relative to the mount (an absolute "
+         "directory must lie inside the mount). Repeat for more applications.",
+         "KEY=DIR"},
+        {"file-mode", "Octal mode of received files (default: as created).", "MODE"},
+        {"dir-mode", "Octal mode of created directories (default: as created).", "MODE"},
+        {"log", "Append the protocol log to FILE.", "FILE"},
+        {"max-connections",
+         "Connections served at once; one more is refused at the hello (default 64).", "N"},
+        {"config",
+         "Read options from an INI file (keys as the long options, applications in an [apps] "
+         "group); the command line wins.",
+         "FILE"},
+        pluginsOption(),
+    });
+    const CommandHelp help{
+        "serve", "",
+        "Serves the applications' directories under a mount to vesk clients over UDT. One "
+        "summary line per task goes to stdout. SIGINT or SIGTERM stops it: running transfers "
+        "are paused (their partial files stay, so clients can resume) and it exits with 0.",
+        "  vesk serve --listen 0.0.0.0:9000 --mount /srv/vesk --app appA=apps/a "
+        "--file-mode 644 --dir-mode 755"};
+    const int parsed = parseCommand(parser, args, help, 0, 0);
+    if (parsed >= 0)
+        return parsed;
+
+    RawOptions raw;
+    if (parser.isSet("config")) {
+        const QString error = readConfigFile(parser.value("config"), raw);
+        if (!error.isEmpty())
+            return usageError("serve", error);
+    }
+    for (const QString& key : kSettings) {
+        if (parser.isSet(key))
+            raw.values[key] = parser.value(key);
+    }
+    for (const QString& app : parser.values("app")) {
+        const int equals = app.indexOf('=');
+        if (equals < 0)
+            return usageError("serve", QString("--app takes KEY=DIR, not '%1'").arg(app));
+        raw.apps.append({app.left(equals), app.mid(equals + 1)});
+    }
+    ServeConfig config;
+    const QString error = buildConfig(raw, config);
+    if (!error.isEmpty())
+        return usageError("serve", error);
+    if (!createAppDirectories(config))
+        return kExitFailed;
+
+    PluginLoader loader(config.plugins);
+    QString loadError;
+    if (!loader.load(&loadError)) {
+        printErr("vesk: " + loadError);
+        return kExitFailed;
+    }
+    Server server(config, loader);
+    setInterruptReaction([&server](int, int) { server.stop(); });
+    const int status = server.run();
+    setInterruptReaction(nullptr);
+    return status;
+}
+
+} // namespace host
+} // namespace VESK

@@ -1,0 +1,335 @@
+#include "Server.h"
+
+#include "Console.h"
+#include "ErrorText.h"
+#include "HostHello.h"
+#include "TaskLog.h"
+#include "base/Net.h"
+#include "base/Wire.h"
+
+#include <QElapsedTimer>
+#include <QStringList>
+#include <QThread>
+
+#include <udt/udt.h>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+// Connections beyond --max-connections each get a short-lived thread that answers the hello
+// with a refusal; past this many at once they are closed without an answer.
+constexpr int kMaxRefusing = 16;
+// The handler's acknowledgement of a task, which the host sends itself when the handler gave up
+// before answering.
+constexpr int kTaskParamAck = 6;
+
+void sendRefusalAck(int socket, const QString& errorType) {
+    const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
+    wire::sendFrame(socket, kTaskParamAck, VeskBase::serializeParam(ack).toUtf8());
+}
+
+// The line that says what failed: the operation's own, rather than the transport detail the
+// base logs just before it ("recv: message 5: ...").
+QString failureReason(const QStringList& errors, const QString& lastError) {
+    for (const QString& line : errors) {
+        if (!line.startsWith(QLatin1String("recv: ")) && !line.startsWith(QLatin1String("send: ")))
+            return line.simplified();
+    }
+    return errors.isEmpty() ? lastError : errors.first().simplified();
+}
+
+qint64 paramNumber(VeskBase* handler, const QString& key) {
+    return handler->getParam(key, "").toLongLong();
+}
+
+} // namespace
+
+// ---- ServeConfig ------------------------------------------------------------------------------
+
+QString ServeConfig::appTable() const {
+    QStringList entries;
+    for (const AppEntry& app : apps)
+        entries << app.key + ':' + app.dir;
+    return entries.join('%');
+}
+
+QString ServeConfig::appDirectory(const QString& key) const {
+    for (const AppEntry& app : apps) {
+        if (app.key == key)
+            return VeskBase::pathJoin(mount, app.dir);
+    }
+    return QString();
+}
+
+// ---- ThreadSet --------------------------------------------------------------------------------
+
+void ThreadSet::start(std::function<void()> work) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const quint64 id = m_nextId++;
+    // The new thread records its end under the same lock, so only after it is in the map.
+    m_threads.emplace(id, std::thread([this, id, work = std::move(work)] {
+                          work();
+                          std::lock_guard<std::mutex> done(m_mutex);
+                          m_finished.push_back(id);
+                      }));
+}
+
+void ThreadSet::reapFinished() {
+    std::vector<std::thread> ended;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (quint64 id : m_finished) {
+            ended.push_back(std::move(m_threads.at(id)));
+            m_threads.erase(id);
+        }
+        m_finished.clear();
+    }
+    for (std::thread& thread : ended)
+        thread.join();
+}
+
+void ThreadSet::joinAll() {
+    std::vector<std::thread> all;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& entry : m_threads)
+            all.push_back(std::move(entry.second));
+        m_threads.clear();
+        m_finished.clear();
+    }
+    for (std::thread& thread : all)
+        thread.join();
+}
+
+// ---- Server -----------------------------------------------------------------------------------
+
+Server::Server(const ServeConfig& config, const PluginLoader& loader)
+    : m_config(config)
+    , m_loader(loader) {
+    // The plug-in's key names the one protocol version this server speaks.
+    PluginLoader::Handler probe = m_loader.create();
+    splitProtocolKey(probe->getKey(), &m_protocol, &m_version);
+}
+
+int Server::run() {
+    QString error;
+    quint16 bound = 0;
+    const int listener = net::listenOn(m_config.host, m_config.port, &bound, &error);
+    if (listener < 0) {
+        printErr("vesk: " + error);
+        return kExitFailed;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_listener = listener;
+        if (m_stopping)
+            UDT::close(listener);
+    }
+    printOut(QString("vesk: listening on %1:%2").arg(m_config.host, QString::number(bound)));
+    QStringList apps;
+    for (const AppEntry& app : m_config.apps)
+        apps << QString("%1 -> %2").arg(app.key, m_config.appDirectory(app.key));
+    printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
+                 .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
+                      QString::number(m_config.maxConnections)));
+
+    int status = kExitOk;
+    for (;;) {
+        QString peer;
+        const int socket = net::acceptOn(listener, &peer, &error);
+        m_threads.reapFinished();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_stopping) {
+            if (socket >= 0)
+                UDT::close(socket);
+            break;
+        }
+        if (socket < 0) {
+            lock.unlock();
+            printErr("vesk: " + error);
+            if (UDT::getsockstate(listener) != LISTENING) {
+                status = kExitFailed;
+                break;
+            }
+            // A failed accept on a listener that still listens is passing; do not spin on it.
+            QThread::msleep(100);
+            continue;
+        }
+        if (int(m_connections.size()) < m_config.maxConnections) {
+            const quint64 id = m_nextId++;
+            m_connections[id] = Connection{socket, nullptr};
+            m_threads.start([this, id, socket, peer] { serveConnection(id, socket, peer); });
+        } else if (m_refusing < kMaxRefusing) {
+            ++m_refusing;
+            m_threads.start([this, socket, peer] {
+                refuseConnection(socket, peer, kTooManyConnections);
+                std::lock_guard<std::mutex> done(m_mutex);
+                --m_refusing;
+            });
+        } else {
+            UDT::close(socket);
+        }
+    }
+    m_threads.joinAll();
+    UDT::close(listener);
+    printErr("vesk: stopped");
+    return status;
+}
+
+void Server::stop() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_stopping)
+        return;
+    m_stopping = true;
+    if (m_listener >= 0)
+        UDT::close(m_listener); // wakes the accept loop
+    int paused = 0;
+    for (auto& entry : m_connections) {
+        // A running handler closes its own socket when paused, which also ends a blocked
+        // transfer; its partial file stays for the client to resume.
+        if (entry.second.handler) {
+            entry.second.handler->pause();
+            ++paused;
+        } else {
+            UDT::close(entry.second.socket);
+        }
+    }
+    printErr(QString("vesk: stopping; %1 running task(s) paused").arg(paused));
+}
+
+QString Server::helloRefusal(const QString& protocol, const QString& version) const {
+    if (protocol != m_protocol)
+        return kUnsupportedProtocol;
+    if (version != m_version)
+        return kUnsupportedVersion;
+    return QString();
+}
+
+void Server::refuseConnection(int socket, const QString& peer, const QString& reason) {
+    QString protocol, version, error;
+    // The client's hello is read first so that the refusal is the answer it waits for.
+    if (readHello(socket, &protocol, &version, &error) && answerHello(socket, reason, &error))
+        printOut(QString("%1 - - 0 bytes 0.00 s refused: %2").arg(peer, reason));
+    net::drainAndClose(socket);
+}
+
+void Server::serveConnection(quint64 id, int socket, const QString& peer) {
+    QString protocol, version, error;
+    if (!readHello(socket, &protocol, &version, &error)) {
+        printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
+        UDT::close(socket);
+        finishConnection(id);
+        return;
+    }
+    QString refusal = helloRefusal(protocol, version);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (refusal.isEmpty() && m_stopping)
+            refusal = kServerStopping;
+    }
+    if (!refusal.isEmpty()) {
+        if (answerHello(socket, refusal, &error))
+            printOut(QString("%1 - - 0 bytes 0.00 s refused: %2").arg(peer, refusal));
+        net::drainAndClose(socket);
+    } else if (!answerHello(socket, QString(), &error)) {
+        printErr(QString("vesk: %1: cannot answer the hello (%2)").arg(peer, error));
+        UDT::close(socket);
+    } else {
+        runTask(id, socket, peer);
+    }
+    finishConnection(id);
+}
+
+void Server::configureHandler(VeskBase* handler, int socket, const QString& peer) const {
+    handler->setParam("endPoint", "server");
+    handler->setParam("serverSocket", QString::number(socket));
+    handler->setParam("mountPath", m_config.mount);
+    handler->setParam("appPath", m_config.appTable());
+    handler->setParam("fileMod", m_config.fileMode);
+    handler->setParam("dirMod", m_config.dirMode);
+    handler->setParam("logFile", m_config.logFile);
+    const int colon = peer.lastIndexOf(':');
+    handler->setParam("clientIp", peer.left(colon));
+    handler->setParam("clientPort", peer.mid(colon + 1));
+}
+
+void Server::runTask(quint64 id, int socket, const QString& peer) {
+    PluginLoader::Handler handler = m_loader.create();
+    configureHandler(handler.get(), socket, peer);
+    TaskLog log(handler.get());
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_connections[id].handler = handler.get();
+        // A stop that came between the hello and now found no handler to pause.
+        if (m_stopping)
+            handler->pause();
+    }
+    QElapsedTimer clock;
+    clock.start();
+    const bool ok = handler->process();
+    const double seconds = double(clock.elapsed()) / 1000.0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_connections[id].handler = nullptr;
+    }
+
+    QString result = QStringLiteral("success");
+    if (!ok) {
+        const QString lastError = handler->getLastError();
+        const QStringList errors = log.errors();
+        const QString refusal = preAckRefusal(errors);
+        if (!refusal.isEmpty()) {
+            // The client still waits for an answer: tell it why instead of just hanging up.
+            sendRefusalAck(socket, refusal);
+            result = "refused: " + refusal;
+        } else if (lastError == QLatin1String("pause")) {
+            result = "paused";
+        } else if (lastError == QLatin1String("cancel")) {
+            result = "cancelled";
+        } else {
+            result = "failed: " + failureReason(errors, lastError);
+        }
+    }
+    const QString op = handler->getParam("operator", "");
+    const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
+                                                 paramNumber(handler.get(), "transferBeginSize"));
+    printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
+                 .arg(peer, op.isEmpty() ? "-" : op, taskPath(handler.get()),
+                      QString::number(bytes), QString::number(seconds, 'f', 2), result));
+    handler.reset();
+    net::drainAndClose(socket);
+}
+
+QString Server::taskPath(VeskBase* handler) const {
+    const QString path = handler->getParam("path", "");
+    if (!path.isEmpty())
+        return path;
+    const QString op = handler->getParam("operator", "");
+    const QString appKey = handler->getParam("appKey", "");
+    QString base = m_config.appDirectory(appKey);
+    if (base.isEmpty())
+        base = appKey.isEmpty() ? QStringLiteral("-") : appKey + ':';
+    base = VeskBase::pathJoin(base, handler->getParam("rootPath", ""));
+    const QString fileName = handler->getParam("fileName", "");
+    if (op == QLatin1String("upload"))
+        return VeskBase::pathJoin(VeskBase::pathJoin(base, handler->getParam("destPath", "")),
+                                  fileName);
+    if (op == QLatin1String("download"))
+        return VeskBase::pathJoin(VeskBase::pathJoin(base, handler->getParam("srcPath", "")),
+                                  fileName);
+    if (op == QLatin1String("list"))
+        return VeskBase::pathJoin(base, handler->getParam("srcPath", ""));
+    if (op == QLatin1String("createDir"))
+        return VeskBase::pathJoin(base, handler->getParam("destPath", ""));
+    return QStringLiteral("-");
+}
+
+void Server::finishConnection(quint64 id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_connections.erase(id);
+}
+
+} // namespace host
+} // namespace VESK

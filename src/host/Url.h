@@ -1,0 +1,33 @@
+#pragma once
+
+// vesk://HOST:PORT/APPKEY/PATH: the server, the application and the place inside its directory.
+
+#include <QString>
+
+namespace VESK {
+namespace host {
+
+constexpr quint16 kDefaultPort = 9000;
+
+struct VeskUrl {
+    QString host;
+    quint16 port = kDefaultPort;
+    QString appKey;
+    // "/dir/file.txt", or "" for the application's own directory.
+    QString path;
+
+    QString toString() const;
+    QString fileName() const;  // last segment of path ("" for the application's directory)
+    QString directory() const; // path without its last segment ("" at the top)
+};
+
+// Parses `text`; on failure returns false with a sentence in `error`. "." segments are dropped,
+// ".." is refused (the server confines paths anyway, so it could only surprise the user).
+bool parseUrl(const QString& text, VeskUrl& url, QString* error);
+
+// "HOST:PORT" with the port in 0..65535 (0 only when `allowZero`); used by serve --listen too.
+bool parseHostPort(const QString& text, QString& host, quint16& port, bool allowZero,
+                   QString* error);
+
+} // namespace host
+} // namespace VESK
