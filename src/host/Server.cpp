@@ -24,6 +24,8 @@ constexpr int kMaxRefusing = 16;
 // The handler's acknowledgement of a task, which the host sends itself when the handler gave up
 // before answering.
 constexpr int kTaskParamAck = 6;
+// How often running tasks are checked for progress.
+constexpr int kStallCheckMs = 250;
 
 void sendRefusalAck(int socket, const QString& errorType) {
     const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
@@ -135,6 +137,7 @@ int Server::run() {
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
                       QString::number(m_config.maxConnections)));
 
+    std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
     for (;;) {
         QString peer;
@@ -159,7 +162,7 @@ int Server::run() {
         }
         if (int(m_connections.size()) < m_config.maxConnections) {
             const quint64 id = m_nextId++;
-            m_connections[id] = Connection{socket, nullptr};
+            m_connections[id].socket = socket;
             m_threads.start([this, id, socket, peer] { serveConnection(id, socket, peer); });
         } else if (m_refusing < kMaxRefusing) {
             ++m_refusing;
@@ -173,6 +176,13 @@ int Server::run() {
         }
     }
     m_threads.joinAll();
+    {
+        // Also when accepting failed on its own, without a stop().
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_accepting = false;
+        m_stopped.notify_all();
+    }
+    watchdog.join();
     UDT::close(listener);
     printErr("vesk: stopped");
     return status;
@@ -183,6 +193,7 @@ void Server::stop() {
     if (m_stopping)
         return;
     m_stopping = true;
+    m_stopped.notify_all();
     if (m_listener >= 0)
         UDT::close(m_listener); // wakes the accept loop
     int paused = 0;
@@ -262,6 +273,8 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = handler.get();
+        m_connections[id].watch =
+            std::make_shared<StallWatch>(socket, currentThreadId(), m_config.stallTimeout);
         // A stop that came between the hello and now found no handler to pause.
         if (m_stopping)
             handler->pause();
@@ -270,9 +283,12 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     clock.start();
     const bool ok = handler->process();
     const double seconds = double(clock.elapsed()) / 1000.0;
+    bool stalled = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = nullptr;
+        m_connections[id].watch.reset();
+        stalled = m_connections[id].stalled;
     }
 
     QString result = QStringLiteral("success");
@@ -284,6 +300,9 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
             // The client still waits for an answer: tell it why instead of just hanging up.
             sendRefusalAck(socket, refusal);
             result = "refused: " + refusal;
+        } else if (stalled && lastError == QLatin1String("pause")) {
+            result = QString("stalled: no progress for %1 s, paused")
+                         .arg(QString::number(m_config.stallTimeout));
         } else if (lastError == QLatin1String("pause")) {
             result = "paused";
         } else if (lastError == QLatin1String("cancel")) {
@@ -324,6 +343,22 @@ QString Server::taskPath(VeskBase* handler) const {
     if (op == QLatin1String("createDir"))
         return VeskBase::pathJoin(base, handler->getParam("destPath", ""));
     return QStringLiteral("-");
+}
+
+void Server::watchForStalls() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping && m_accepting) {
+        m_stopped.wait_for(lock, std::chrono::milliseconds(kStallCheckMs));
+        for (auto& entry : m_connections) {
+            Connection& connection = entry.second;
+            if (m_stopping || !connection.handler || connection.stalled ||
+                !connection.watch->stalled())
+                continue;
+            // pause() closes the task's socket, which ends a blocked receive or transfer.
+            connection.stalled = true;
+            connection.handler->pause();
+        }
+    }
 }
 
 void Server::finishConnection(quint64 id) {
