@@ -230,7 +230,9 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
     QString protocol, version, error;
     if (!readHello(socket, &protocol, &version, &error)) {
         printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
-        UDT::close(socket);
+        // Closed at once, right after the peer's last packet, the peer would often not learn of
+        // the close and would wait for UDT's keep-alive to give up, most of a minute.
+        net::drainAndClose(socket);
         finishConnection(id);
         return;
     }
