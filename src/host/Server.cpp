@@ -19,7 +19,9 @@ namespace host {
 namespace {
 
 // Connections beyond --max-connections each get a short-lived thread that answers the hello
-// with a refusal; past this many at once they are closed without an answer.
+// with a refusal; past this many at once the server stops accepting until one ends (UDT then
+// turns further connections away itself once its backlog is full). A socket closed without
+// reading its hello would lose the close and leave the peer waiting for most of a minute.
 constexpr int kMaxRefusing = 16;
 // The handler's acknowledgement of a task, which the host sends itself when the handler gave up
 // before answering.
@@ -160,6 +162,14 @@ int Server::run() {
             QThread::msleep(100);
             continue;
         }
+        m_slotFreed.wait(lock, [this] {
+            return m_stopping || int(m_connections.size()) < m_config.maxConnections ||
+                   m_refusing < kMaxRefusing;
+        });
+        if (m_stopping) {
+            UDT::close(socket);
+            break;
+        }
         if (int(m_connections.size()) < m_config.maxConnections) {
             const quint64 id = m_nextId++;
             m_connections[id].socket = socket;
@@ -170,9 +180,8 @@ int Server::run() {
                 refuseConnection(socket, peer, kTooManyConnections);
                 std::lock_guard<std::mutex> done(m_mutex);
                 --m_refusing;
+                m_slotFreed.notify_all();
             });
-        } else {
-            UDT::close(socket);
         }
     }
     m_threads.joinAll();
@@ -194,6 +203,7 @@ void Server::stop() {
         return;
     m_stopping = true;
     m_stopped.notify_all();
+    m_slotFreed.notify_all();
     if (m_listener >= 0)
         UDT::close(m_listener); // wakes the accept loop
     int paused = 0;
@@ -366,6 +376,7 @@ void Server::watchForStalls() {
 void Server::finishConnection(quint64 id) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_connections.erase(id);
+    m_slotFreed.notify_all();
 }
 
 } // namespace host

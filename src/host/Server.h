@@ -101,7 +101,8 @@ private:
     std::map<quint64, Connection> m_connections;
     int m_refusing = 0;
     ThreadSet m_threads;
-    std::condition_variable m_stopped; // wakes watchForStalls() at once on stop()
+    std::condition_variable m_stopped;   // wakes watchForStalls() at once on stop()
+    std::condition_variable m_slotFreed; // a connection or a refusal ended, or stop()
 };
 
 } // namespace host
