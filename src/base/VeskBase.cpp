@@ -12,7 +12,11 @@
 #include <QLoggingCategory>
 #include <QMutexLocker>
 
+#include <QSet>
+
 #include <sys/stat.h>
+
+#include <vector>
 
 // Hosts filter the protocol log with QT_LOGGING_RULES="vesk.protocol.debug=true" and the like.
 Q_LOGGING_CATEGORY(lcProtocol, "vesk.protocol", QtInfoMsg)
@@ -96,9 +100,94 @@ QString VeskBase::serializeParam(const QMap<QString, QString>& map) {
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
 }
 
+namespace {
+
+// Qt's JSON reader nests no deeper than this; a deeper text is not a parameter map anyway.
+constexpr int kMaxJsonNesting = 1024;
+// JSON's one-letter escapes and what they stand for.
+const QString kEscapes = QStringLiteral("bfnrt");
+const QString kEscaped = QStringLiteral("\b\f\n\r\t");
+
+// The text of the JSON string that starts after the quote at `from`; `end` is set to its closing
+// quote. Escapes are read the way Qt's reader reads them, so equal names compare equal here.
+QString jsonString(const QString& text, int from, int& end) {
+    QString out;
+    int i = from;
+    for (; i < text.size() && text[i] != '"'; ++i) {
+        if (text[i] != '\\' || i + 1 >= text.size()) {
+            out += text[i];
+            continue;
+        }
+        const QChar escaped = text[++i];
+        bool hex = false;
+        const ushort code = text.midRef(i + 1, 4).toUShort(&hex, 16);
+        const int simple = kEscapes.indexOf(escaped);
+        if (escaped == 'u' && hex) {
+            out += QChar(code);
+            i += 4;
+        } else {
+            out += simple >= 0 ? kEscaped[simple] : escaped;
+        }
+    }
+    end = i;
+    return out;
+}
+
+// Qt 5.15's JSON reader leaks the earlier value when an object repeats a name whose value was an
+// object or an array: a peer could grow the server's memory with every message. Parameter maps
+// never repeat a name, so a text that does (at any depth) is not handed to Qt at all. The scan
+// only follows strings and brackets; whatever else is wrong with a text is left to Qt to find.
+bool safeForQtReader(const QString& text) {
+    struct Scope {
+        bool object;
+        bool expectName;
+        QSet<QString> names;
+    };
+    std::vector<Scope> scopes;
+    for (int i = 0; i < text.size(); ++i) {
+        switch (text[i].unicode()) {
+        case '{':
+        case '[':
+            if (scopes.size() >= size_t(kMaxJsonNesting))
+                return false;
+            scopes.push_back({text[i] == '{', text[i] == '{', {}});
+            break;
+        case '}':
+        case ']':
+            if (!scopes.empty())
+                scopes.pop_back();
+            break;
+        case ',':
+            if (!scopes.empty() && scopes.back().object)
+                scopes.back().expectName = true;
+            break;
+        case '"': {
+            const QString string = jsonString(text, i + 1, i);
+            if (scopes.empty() || !scopes.back().expectName)
+                break;
+            Scope& scope = scopes.back();
+            if (scope.names.contains(string))
+                return false;
+            scope.names.insert(string);
+            scope.expectName = false;
+            break;
+        }
+        default:
+            break;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 QMap<QString, QString> VeskBase::unSerializeParam(const QString& text) {
     QMap<QString, QString> map;
-    const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8());
+    // The scan reads the very text Qt reads, after the conversion to UTF-8.
+    const QByteArray utf8 = text.toUtf8();
+    if (!safeForQtReader(QString::fromUtf8(utf8)))
+        return map;
+    const QJsonDocument doc = QJsonDocument::fromJson(utf8);
     if (!doc.isObject())
         return map;
     const QJsonObject object = doc.object();

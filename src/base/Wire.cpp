@@ -20,6 +20,9 @@ QString lastUdtError() {
     return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
 }
 
+// Bodies are read in pieces of this size (see recvFrame).
+constexpr int kBodyChunkBytes = 1024 * 1024;
+
 } // namespace
 
 namespace {
@@ -50,6 +53,44 @@ bool recvAll(int socket, char* data, qint64 len, QString* error) {
     return moveAll(UDT::recv, "receive", socket, data, len, error);
 }
 
+QByteArray encodeFrame(quint32 number, const QByteArray& body) {
+    QByteArray frame(kHeaderBytes, Qt::Uninitialized);
+    qToBigEndian<quint32>(number, frame.data());
+    qToBigEndian<quint32>(quint32(body.size()), frame.data() + 4);
+    frame.append(body);
+    return frame;
+}
+
+bool decodeHeader(const char* bytes, FrameHeader& header, QString* error) {
+    header.number = qFromBigEndian<quint32>(bytes);
+    header.length = qFromBigEndian<quint32>(bytes + 4);
+    if (header.length > kMaxBodyBytes) {
+        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
+                            .arg(header.number)
+                            .arg(header.length)
+                            .arg(kMaxBodyBytes));
+        return false;
+    }
+    return true;
+}
+
+Decoded decodeFrame(const QByteArray& bytes, quint32& number, QByteArray& body, int& consumed,
+                    QString* error) {
+    if (bytes.size() < kHeaderBytes)
+        return Decoded::Incomplete;
+    FrameHeader header;
+    if (!decodeHeader(bytes.constData(), header, error))
+        return Decoded::Invalid;
+    // The limit keeps the sum far below INT_MAX.
+    const int frameBytes = kHeaderBytes + int(header.length);
+    if (bytes.size() < frameBytes)
+        return Decoded::Incomplete;
+    number = header.number;
+    body = bytes.mid(kHeaderBytes, int(header.length));
+    consumed = frameBytes;
+    return Decoded::Complete;
+}
+
 bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* error) {
     if (quint32(body.size()) > kMaxBodyBytes) {
         setError(error, QStringLiteral("message %1 is %2 bytes, more than the limit of %3")
@@ -59,28 +100,31 @@ bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* erro
         return false;
     }
     // Header and body go out in one send so that a small message is one packet.
-    QByteArray frame(8, Qt::Uninitialized);
-    qToBigEndian<quint32>(number, frame.data());
-    qToBigEndian<quint32>(quint32(body.size()), frame.data() + 4);
-    frame.append(body);
+    const QByteArray frame = encodeFrame(number, body);
     return sendAll(socket, frame.constData(), frame.size(), error);
 }
 
 bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error) {
-    char header[8];
-    if (!recvAll(socket, header, sizeof header, error))
+    char bytes[kHeaderBytes];
+    if (!recvAll(socket, bytes, sizeof bytes, error))
         return false;
-    number = qFromBigEndian<quint32>(header);
-    const quint32 length = qFromBigEndian<quint32>(header + 4);
-    if (length > kMaxBodyBytes) {
-        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
-                            .arg(number)
-                            .arg(length)
-                            .arg(kMaxBodyBytes));
+    FrameHeader header;
+    if (!decodeHeader(bytes, header, error))
         return false;
+    number = header.number;
+    // The buffer grows as the body arrives, so a peer that announces a large body and sends
+    // little of it holds no more memory than it actually sent.
+    body.clear();
+    qint64 left = header.length;
+    while (left > 0) {
+        const int chunk = int(std::min<qint64>(left, kBodyChunkBytes));
+        const int have = body.size();
+        body.resize(have + chunk);
+        if (!recvAll(socket, body.data() + have, chunk, error))
+            return false;
+        left -= chunk;
     }
-    body.resize(int(length));
-    return recvAll(socket, body.data(), length, error);
+    return true;
 }
 
 } // namespace wire

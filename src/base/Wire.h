@@ -12,6 +12,34 @@ namespace wire {
 
 // The largest body a peer may announce; anything longer ends the connection.
 constexpr quint32 kMaxBodyBytes = 16u * 1024u * 1024u;
+constexpr int kHeaderBytes = 8;
+
+// ---- Pure encoding and decoding (no socket) ----
+
+struct FrameHeader {
+    quint32 number = 0;
+    quint32 length = 0;
+};
+
+// Header and body as they go on the wire; `body` must not be over the limit.
+QByteArray encodeFrame(quint32 number, const QByteArray& body);
+
+// Reads the kHeaderBytes bytes at `bytes`. False, with `error` set, when the announced length is
+// over the limit: such a peer is not followed any further.
+bool decodeHeader(const char* bytes, FrameHeader& header, QString* error = nullptr);
+
+enum class Decoded {
+    Complete,   // one whole frame was taken from the front of the input
+    Incomplete, // the input ends inside the frame; more bytes are needed
+    Invalid,    // the header announces too much; the stream is of no further use
+};
+
+// Takes one frame from the front of `bytes`: its number, its body, and how many input bytes it
+// used (`consumed`, set only for a complete frame).
+Decoded decodeFrame(const QByteArray& bytes, quint32& number, QByteArray& body, int& consumed,
+                    QString* error = nullptr);
+
+// ---- On a UDT socket ----
 
 // Writes the whole of `len` bytes, looping over partial sends.
 bool sendAll(int socket, const char* data, qint64 len, QString* error = nullptr);

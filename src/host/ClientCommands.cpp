@@ -7,6 +7,7 @@
 #include "PluginLoader.h"
 #include "Progress.h"
 #include "SignalHandling.h"
+#include "StallWatch.h"
 #include "TaskLog.h"
 #include "Url.h"
 #include "base/Net.h"
@@ -51,6 +52,11 @@ const QCommandLineOption kReplace("replace",
                                   "names a method): the server appends to a partial file it may "
                                   "still hold, and only verification catches that.");
 const QCommandLineOption kQuiet("quiet", "No progress line and no message on success.");
+const QCommandLineOption kStallTimeout(
+    "stall-timeout",
+    "Stop when the server sent and received nothing (and no local file was read or written) "
+    "for SECONDS; a transfer's partial file stays for a resume (default 120, 0: no limit).",
+    "SECONDS", QString::number(kDefaultStallTimeoutSeconds));
 const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
 
 // One task as the user asked for it, before anything is connected.
@@ -66,6 +72,7 @@ struct ClientTask {
     QString localPath;
     QString plugins;
     bool quiet = false;
+    int stallTimeout = kDefaultStallTimeoutSeconds;
     bool counters = false; // upload and download report progress through the two counters
     bool json = false;
 };
@@ -73,6 +80,7 @@ struct ClientTask {
 struct TaskResult {
     bool ok = false;
     bool interrupted = false;
+    bool stalled = false;
     QString lastError;
     QStringList errors;
     QStringList infos;
@@ -103,6 +111,10 @@ int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task)
     task.params.insert("rootPath", parser.value(kRoot));
     task.plugins = parser.value("plugins");
     task.quiet = parser.isSet(kQuiet);
+    bool ok = false;
+    task.stallTimeout = parser.value(kStallTimeout).toInt(&ok);
+    if (!ok || task.stallTimeout < 0)
+        return usageError(task.command, "--stall-timeout takes a number of seconds (0: no limit)");
     return -1;
 }
 
@@ -184,7 +196,8 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
 
 // Runs process() on a worker thread while this thread draws progress. Ctrl-C pauses the
 // handler and closes the socket, so a transfer blocked in UDT returns at once; a second Ctrl-C
-// turns the pause into a cancel.
+// turns the pause into a cancel. A task that makes no progress for the stall timeout is stopped
+// the way the first Ctrl-C stops it.
 bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, const qint64* total,
                          const qint64* offset, TaskResult& result) {
     std::atomic<int> interrupts{0};
@@ -203,7 +216,9 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
     std::condition_variable finished;
     bool done = false;
     bool ok = false;
+    std::atomic<pid_t> workerId{0};
     std::thread worker([&] {
+        workerId.store(currentThreadId());
         const bool processed = handler->process();
         std::lock_guard<std::mutex> lock(mutex);
         ok = processed;
@@ -213,11 +228,19 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
 
     ProgressBar progress(total, offset, task.counters && !task.quiet && stderrIsTerminal());
     bool drawing = true;
+    std::unique_ptr<StallWatch> watch;
     for (;;) {
         {
             std::unique_lock<std::mutex> lock(mutex);
             if (finished.wait_for(lock, std::chrono::milliseconds(kPollMs), [&] { return done; }))
                 break;
+        }
+        if (!watch && workerId.load() != 0)
+            watch = std::make_unique<StallWatch>(socket, workerId.load(), task.stallTimeout);
+        if (watch && !result.stalled && interrupts.load() == 0 && watch->stalled()) {
+            result.stalled = true;
+            handler->pause();
+            UDT::close(socket);
         }
         if (interrupts.load() > 0 && drawing) {
             progress.finish();
@@ -290,6 +313,20 @@ QString interruptedText(const ClientTask& task, const QString& stop) {
     return cancelled ? QString("cancelled") : QString("interrupted");
 }
 
+QString stalledText(const ClientTask& task) {
+    const QString what =
+        QString("%1:%2 made no progress for %3 s; stopped")
+            .arg(task.url.host, QString::number(task.url.port), QString::number(task.stallTimeout));
+    if (task.op == QLatin1String("upload"))
+        return what + ". The part already sent stays on the server: run the same command again "
+                      "to resume";
+    if (task.op == QLatin1String("download"))
+        return what + QString(". The partial file stays beside %1: run the same command again to "
+                              "resume")
+                          .arg(task.localPath);
+    return what + ". Try again later";
+}
+
 QString rateText(const TaskResult& r) {
     const double rate = r.seconds > 0.0 ? double(r.moved) / r.seconds : 0.0;
     QString text = QString("%1 in %2 s (%3/s)")
@@ -314,6 +351,10 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
     const int early = runTask(task, r);
     if (early >= 0)
         return early;
+    if (!r.ok && r.stalled && !r.interrupted && r.lastError == QLatin1String("pause")) {
+        printErr("vesk: " + stalledText(task));
+        return kExitFailed;
+    }
     if (!r.ok && r.interrupted &&
         (r.lastError == QLatin1String("pause") || r.lastError == QLatin1String("cancel"))) {
         printErr("vesk: " + interruptedText(task, r.lastError));
@@ -336,7 +377,7 @@ const char* const kUrlForm = "vesk://HOST:PORT/APPKEY/PATH";
 
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
@@ -377,7 +418,7 @@ int runUpload(const QStringList& args) {
 
 int runDownload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, pluginsOption()});
     parser.addPositionalArgument("URL_OF_FILE",
                                  QString("The file on the server: %1.").arg(kUrlForm));
     parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
@@ -436,7 +477,7 @@ int runDownload(const QStringList& args) {
 
 int runList(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kJson, kQuiet, pluginsOption()});
+    parser.addOptions({kRoot, kJson, kQuiet, kStallTimeout, pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to list: %1.").arg(kUrlForm));
     const CommandHelp help{
         args.value(0, "ls"), "URL",
@@ -459,7 +500,7 @@ int runList(const QStringList& args) {
 
 int runMkdir(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kQuiet, pluginsOption()});
+    parser.addOptions({kRoot, kQuiet, kStallTimeout, pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to create: %1.").arg(kUrlForm));
     const CommandHelp help{"mkdir", "URL",
                            "Creates a directory (and its missing parents) in an application's "

@@ -22,7 +22,7 @@ namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
 const QStringList kSettings{"listen", "mount",           "file-mode", "dir-mode",
-                            "log",    "max-connections", "plugins"};
+                            "log",    "max-connections", "plugins",   "stall-timeout"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins"};
 
@@ -138,6 +138,11 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!ok || config.maxConnections < 1)
         return QString("--max-connections takes a number of at least 1");
 
+    config.stallTimeout =
+        raw.values.value("stall-timeout", QString::number(kDefaultStallTimeoutSeconds)).toInt(&ok);
+    if (!ok || config.stallTimeout < 0)
+        return QString("--stall-timeout takes a number of seconds (0: no limit)");
+
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
@@ -181,6 +186,10 @@ int runServe(const QStringList& args) {
         {"log", "Append the protocol log to FILE.", "FILE"},
         {"max-connections",
          "Connections served at once; one more is refused at the hello (default 64).", "N"},
+        {"stall-timeout",
+         "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
+         "file stays for a resume (default 120, 0: no limit).",
+         "SECONDS"},
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group); the command line wins.",

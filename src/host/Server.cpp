@@ -19,11 +19,15 @@ namespace host {
 namespace {
 
 // Connections beyond --max-connections each get a short-lived thread that answers the hello
-// with a refusal; past this many at once they are closed without an answer.
+// with a refusal; past this many at once the server stops accepting until one ends (UDT then
+// turns further connections away itself once its backlog is full). A socket closed without
+// reading its hello would lose the close and leave the peer waiting for most of a minute.
 constexpr int kMaxRefusing = 16;
 // The handler's acknowledgement of a task, which the host sends itself when the handler gave up
 // before answering.
 constexpr int kTaskParamAck = 6;
+// How often running tasks are checked for progress.
+constexpr int kStallCheckMs = 250;
 
 void sendRefusalAck(int socket, const QString& errorType) {
     const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
@@ -135,6 +139,7 @@ int Server::run() {
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
                       QString::number(m_config.maxConnections)));
 
+    std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
     for (;;) {
         QString peer;
@@ -157,9 +162,17 @@ int Server::run() {
             QThread::msleep(100);
             continue;
         }
+        m_slotFreed.wait(lock, [this] {
+            return m_stopping || int(m_connections.size()) < m_config.maxConnections ||
+                   m_refusing < kMaxRefusing;
+        });
+        if (m_stopping) {
+            UDT::close(socket);
+            break;
+        }
         if (int(m_connections.size()) < m_config.maxConnections) {
             const quint64 id = m_nextId++;
-            m_connections[id] = Connection{socket, nullptr};
+            m_connections[id].socket = socket;
             m_threads.start([this, id, socket, peer] { serveConnection(id, socket, peer); });
         } else if (m_refusing < kMaxRefusing) {
             ++m_refusing;
@@ -167,12 +180,18 @@ int Server::run() {
                 refuseConnection(socket, peer, kTooManyConnections);
                 std::lock_guard<std::mutex> done(m_mutex);
                 --m_refusing;
+                m_slotFreed.notify_all();
             });
-        } else {
-            UDT::close(socket);
         }
     }
     m_threads.joinAll();
+    {
+        // Also when accepting failed on its own, without a stop().
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_accepting = false;
+        m_stopped.notify_all();
+    }
+    watchdog.join();
     UDT::close(listener);
     printErr("vesk: stopped");
     return status;
@@ -183,6 +202,8 @@ void Server::stop() {
     if (m_stopping)
         return;
     m_stopping = true;
+    m_stopped.notify_all();
+    m_slotFreed.notify_all();
     if (m_listener >= 0)
         UDT::close(m_listener); // wakes the accept loop
     int paused = 0;
@@ -219,7 +240,9 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
     QString protocol, version, error;
     if (!readHello(socket, &protocol, &version, &error)) {
         printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
-        UDT::close(socket);
+        // Closed at once, right after the peer's last packet, the peer would often not learn of
+        // the close and would wait for UDT's keep-alive to give up, most of a minute.
+        net::drainAndClose(socket);
         finishConnection(id);
         return;
     }
@@ -262,6 +285,8 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = handler.get();
+        m_connections[id].watch =
+            std::make_shared<StallWatch>(socket, currentThreadId(), m_config.stallTimeout);
         // A stop that came between the hello and now found no handler to pause.
         if (m_stopping)
             handler->pause();
@@ -270,9 +295,12 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     clock.start();
     const bool ok = handler->process();
     const double seconds = double(clock.elapsed()) / 1000.0;
+    bool stalled = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = nullptr;
+        m_connections[id].watch.reset();
+        stalled = m_connections[id].stalled;
     }
 
     QString result = QStringLiteral("success");
@@ -284,6 +312,9 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
             // The client still waits for an answer: tell it why instead of just hanging up.
             sendRefusalAck(socket, refusal);
             result = "refused: " + refusal;
+        } else if (stalled && lastError == QLatin1String("pause")) {
+            result = QString("stalled: no progress for %1 s, paused")
+                         .arg(QString::number(m_config.stallTimeout));
         } else if (lastError == QLatin1String("pause")) {
             result = "paused";
         } else if (lastError == QLatin1String("cancel")) {
@@ -326,9 +357,26 @@ QString Server::taskPath(VeskBase* handler) const {
     return QStringLiteral("-");
 }
 
+void Server::watchForStalls() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping && m_accepting) {
+        m_stopped.wait_for(lock, std::chrono::milliseconds(kStallCheckMs));
+        for (auto& entry : m_connections) {
+            Connection& connection = entry.second;
+            if (m_stopping || !connection.handler || connection.stalled ||
+                !connection.watch->stalled())
+                continue;
+            // pause() closes the task's socket, which ends a blocked receive or transfer.
+            connection.stalled = true;
+            connection.handler->pause();
+        }
+    }
+}
+
 void Server::finishConnection(quint64 id) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_connections.erase(id);
+    m_slotFreed.notify_all();
 }
 
 } // namespace host

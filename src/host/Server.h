@@ -4,12 +4,15 @@
 // then one handler from the plug-in per connection, and a summary line per task.
 
 #include "PluginLoader.h"
+#include "StallWatch.h"
 
 #include <QList>
 #include <QString>
 
+#include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -31,6 +34,7 @@ struct ServeConfig {
     QString dirMode;
     QString logFile;
     int maxConnections = 64;
+    int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
@@ -68,7 +72,9 @@ public:
 private:
     struct Connection {
         int socket = -1;
-        VeskBase* handler = nullptr; // set while process() runs
+        VeskBase* handler = nullptr;       // set while process() runs
+        std::shared_ptr<StallWatch> watch; // likewise
+        bool stalled = false;              // the watch paused the task
     };
 
     void serveConnection(quint64 id, int socket, const QString& peer);
@@ -78,6 +84,9 @@ private:
     QString helloRefusal(const QString& protocol, const QString& version) const;
     QString taskPath(VeskBase* handler) const;
     void finishConnection(quint64 id);
+    // Runs on a thread of its own until the server stops: pauses each task that made no
+    // progress for the stall timeout, so its partial file stays for a resume.
+    void watchForStalls();
 
     const ServeConfig m_config;
     const PluginLoader& m_loader;
@@ -86,11 +95,14 @@ private:
 
     std::mutex m_mutex; // guards everything below
     bool m_stopping = false;
+    bool m_accepting = true; // false once run()'s connections have all ended
     int m_listener = -1;
     quint64 m_nextId = 0;
     std::map<quint64, Connection> m_connections;
     int m_refusing = 0;
     ThreadSet m_threads;
+    std::condition_variable m_stopped;   // wakes watchForStalls() at once on stop()
+    std::condition_variable m_slotFreed; // a connection or a refusal ended, or stop()
 };
 
 } // namespace host

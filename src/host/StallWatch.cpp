@@ -1,0 +1,63 @@
+#include "StallWatch.h"
+
+#include <QFile>
+
+#include <udt/udt.h>
+
+#include <unistd.h>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+// Bytes the thread has read and written through system calls (/proc/self/task/TID/io); 0 when
+// the kernel does not tell.
+qint64 threadIoBytes(pid_t thread) {
+    QFile io(QString("/proc/self/task/%1/io").arg(thread));
+    if (thread <= 0 || !io.open(QIODevice::ReadOnly))
+        return 0;
+    qint64 bytes = 0;
+    for (const QByteArray& line : io.readAll().split('\n')) {
+        if (line.startsWith("rchar:") || line.startsWith("wchar:"))
+            bytes += line.mid(6).trimmed().toLongLong();
+    }
+    return bytes;
+}
+
+} // namespace
+
+pid_t currentThreadId() {
+    return ::gettid();
+}
+
+StallWatch::StallWatch(int socket, pid_t worker, int timeoutSeconds)
+    : m_socket(socket)
+    , m_worker(worker)
+    , m_timeoutSeconds(timeoutSeconds) {
+    m_sinceProgress.start();
+}
+
+qint64 StallWatch::progressCount() const {
+    qint64 count = threadIoBytes(m_worker);
+    UDT::TRACEINFO perf;
+    // Keep-alives and acknowledgements are not counted, so an idle connection does not move.
+    if (UDT::perfmon(m_socket, &perf, false) != UDT::ERROR)
+        count += perf.pktRecvTotal + perf.pktSentTotal - perf.pktRetransTotal;
+    return count;
+}
+
+bool StallWatch::stalled() {
+    if (m_timeoutSeconds <= 0)
+        return false;
+    const qint64 count = progressCount();
+    if (count != m_lastCount) {
+        m_lastCount = count;
+        m_sinceProgress.restart();
+        return false;
+    }
+    return m_sinceProgress.elapsed() >= qint64(m_timeoutSeconds) * 1000;
+}
+
+} // namespace host
+} // namespace VESK
