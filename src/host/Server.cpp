@@ -44,6 +44,18 @@ QString failureReason(const QStringList& errors, const QString& lastError) {
     return errors.isEmpty() ? lastError : errors.first().simplified();
 }
 
+// A peer names the operation and the path: in the summary they are kept to one line of bounded
+// length, so that a client can neither forge further summary lines nor flood the output.
+QString summaryField(const QString& text) {
+    constexpr int kMaxChars = 512;
+    QString field = text.left(kMaxChars);
+    for (QChar& c : field) {
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+            c = '?';
+    }
+    return text.size() > kMaxChars ? field + "..." : field;
+}
+
 qint64 paramNumber(VeskBase* handler, const QString& key) {
     return handler->getParam(key, "").toLongLong();
 }
@@ -327,8 +339,9 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
                                                  paramNumber(handler.get(), "transferBeginSize"));
     printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
-                 .arg(peer, op.isEmpty() ? "-" : op, taskPath(handler.get()),
-                      QString::number(bytes), QString::number(seconds, 'f', 2), result));
+                 .arg(peer, op.isEmpty() ? "-" : summaryField(op),
+                      summaryField(taskPath(handler.get())), QString::number(bytes),
+                      QString::number(seconds, 'f', 2), summaryField(result)));
     handler.reset();
     net::drainAndClose(socket);
 }
