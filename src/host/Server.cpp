@@ -13,6 +13,8 @@
 
 #include <udt/udt.h>
 
+#include <malloc.h>
+
 namespace VESK {
 namespace host {
 
@@ -372,8 +374,17 @@ QString Server::taskPath(VeskBase* handler) const {
 
 void Server::watchForStalls() {
     std::unique_lock<std::mutex> lock(m_mutex);
+    bool busy = false;
     while (!m_stopping && m_accepting) {
         m_stopped.wait_for(lock, std::chrono::milliseconds(kStallCheckMs));
+        // Each connection's UDT buffers are megabytes; once the last one has ended, the heap
+        // they leave behind goes back to the system instead of holding the peak for good.
+        if (busy && m_connections.empty()) {
+            lock.unlock();
+            ::malloc_trim(0);
+            lock.lock();
+        }
+        busy = !m_connections.empty();
         for (auto& entry : m_connections) {
             Connection& connection = entry.second;
             if (m_stopping || !connection.handler || connection.stalled ||
