@@ -5,6 +5,7 @@
 #include <udt/udt.h>
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -22,7 +23,10 @@ constexpr int kMaxMss = 65000;
 constexpr int kDefaultMss = 1500;
 // Large buffers keep a fast link busy; UDT clamps them to what the flow window allows.
 constexpr int kUdtBufferBytes = 64 * 1024 * 1024;
-constexpr int kUdpBufferBytes = 8 * 1024 * 1024;
+// The kernel caps what UDT asks for at net.core.rmem_max/wmem_max (often 4 MiB, about 64 full
+// packets): a burst then overflows the receiving socket and UDT's rate control backs off for the
+// rest of the transfer. A process that may (CAP_NET_ADMIN) raises it to this size.
+constexpr int kUdpBufferBytes = 32 * 1024 * 1024;
 constexpr int kCloseGraceMs = 20;
 
 QString udtError() {
@@ -48,6 +52,10 @@ bool resolve(const QString& host, quint16 port, sockaddr_in& addr, QString* erro
     addr.sin_port = htons(port);
     ::freeaddrinfo(result);
     return true;
+}
+
+QString systemError() {
+    return QString::fromLocal8Bit(std::strerror(errno));
 }
 
 QString describe(const sockaddr_in& addr) {
@@ -100,6 +108,49 @@ bool applyOptions(int socket, int mss, QString* error) {
 
 namespace {
 
+// Binds the UDT socket to a UDP socket of our own at `local`, so that its buffers can be raised
+// past the kernel's limits where the process is allowed to; UDT owns (and closes) it afterwards.
+// On failure `reason` says why.
+bool bindOwnUdpSocket(int socket, const sockaddr_in& local, QString& reason) {
+    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (udp < 0) {
+        reason = systemError();
+        return false;
+    }
+    if (::bind(udp, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        reason = systemError();
+        ::close(udp);
+        return false;
+    }
+    if (UDT::bind2(socket, udp) == UDT::ERROR) {
+        reason = udtError();
+        ::close(udp);
+        return false;
+    }
+    // UDT has just set the sizes the kernel allows everyone; without the privilege these calls
+    // fail and those sizes stay.
+    ::setsockopt(udp, SOL_SOCKET, SO_RCVBUFFORCE, &kUdpBufferBytes, sizeof kUdpBufferBytes);
+    ::setsockopt(udp, SOL_SOCKET, SO_SNDBUFFORCE, &kUdpBufferBytes, sizeof kUdpBufferBytes);
+    return true;
+}
+
+// UDT files a newly connected socket for incoming data only when its receiving thread next comes
+// round (on the next datagram or its timer); a reply that arrives first is dropped, and the resend
+// after a timeout leaves UDT's rate control crawling (a few packets a second) for seconds. An
+// empty datagram to our own port brings that thread round now, ahead of any reply.
+void wakeReceiver(int socket) {
+    sockaddr_in self{};
+    int len = sizeof self;
+    if (UDT::getsockname(socket, reinterpret_cast<sockaddr*>(&self), &len) == UDT::ERROR)
+        return;
+    self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (udp < 0)
+        return;
+    ::sendto(udp, "", 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
+    ::close(udp);
+}
+
 // A new stream socket with the transfer options for host:port, or -1 with `error` set.
 int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
     ensureStarted();
@@ -123,11 +174,17 @@ int connectTo(const QString& host, quint16 port, QString* error) {
     Socket socket(newSocket(host, port, addr, error));
     if (!socket.valid())
         return -1;
-    if (UDT::connect(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
-        setError(error,
-                 QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    QString reason;
+    if (!bindOwnUdpSocket(socket.get(), any, reason) ||
+        UDT::connect(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
+        if (reason.isEmpty())
+            reason = udtError();
+        setError(error, QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(reason));
         return -1;
     }
+    wakeReceiver(socket.get());
     return socket.release();
 }
 
@@ -136,10 +193,13 @@ int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* err
     Socket socket(newSocket(host, port, addr, error));
     if (!socket.valid())
         return -1;
-    if (UDT::bind(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR ||
+    QString reason;
+    if (!bindOwnUdpSocket(socket.get(), addr, reason) ||
         UDT::listen(socket.get(), 128) == UDT::ERROR) {
+        if (reason.isEmpty())
+            reason = udtError();
         setError(error,
-                 QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(udtError()));
+                 QStringLiteral("cannot listen on %1:%2 (%3)").arg(host).arg(port).arg(reason));
         return -1;
     }
     if (boundPort) {

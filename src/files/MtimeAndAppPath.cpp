@@ -20,6 +20,19 @@ QString VeskHandler2_0_0::getAppPath(const QString& appKey) {
     return table.value(appKey);
 }
 
+bool VeskHandler2_0_0::resolveAppRoot(const QString& function, QString& root) {
+    const QString appKey = getParam("appKey", "");
+    const QString appPath = getAppPath(appKey);
+    if (appPath.isEmpty()) {
+        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+        return false;
+    }
+    // Each piece is confined below the one before it, so whatever the client sent, the result
+    // stays inside the mount.
+    root = pathJoin(pathJoin(getParam("mountPath", ""), appPath), getParam("rootPath", ""));
+    return true;
+}
+
 void VeskHandler2_0_0::UpdateMtime(QString& path, QString funcName, qint64 mtime) {
     if (mtime == -1)
         return;

@@ -121,6 +121,9 @@ private:
 
     // ---- files/MtimeAndAppPath.cpp ----
     QString getAppPath(const QString& appKey);
+    // The directory a server operation works below: the mount, then the application's
+    // directory, then the client's root path. False, after logging, for an unknown "appKey".
+    bool resolveAppRoot(const QString& function, QString& root);
     void UpdateMtime(QString& path, QString funcName, qint64 mtime);
 
     QMutex m_streamLock;

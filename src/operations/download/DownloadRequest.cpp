@@ -158,9 +158,9 @@ bool VeskHandler2_0_0::sendVerifyResult(const QString& function, QString& tmpPat
 bool VeskHandler2_0_0::dropRejectedTmpFile(const QString& function, const QString& tmpPath,
                                            qint64& offset, qint64 fileSize) {
     // The server found the resume offset outside its file and sends the whole file instead.
-    log("warning", QString("%1: client tmp file offset[%2], server file size[%3], "
-                           "remove tmp file [%4].")
-                       .arg(function, QString::number(offset), QString::number(fileSize), tmpPath));
+    log("warning",
+        QString("%1: client tmp file offset[%2], server file size[%3], remove tmp file [%4].")
+            .arg(function, QString::number(offset), QString::number(fileSize), tmpPath));
     if (!QFile::remove(tmpPath)) {
         log("error", QString("%1: remove tmp file %2 failed.").arg(function, tmpPath));
         return false;

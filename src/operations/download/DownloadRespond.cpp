@@ -22,11 +22,8 @@ bool VeskHandler2_0_0::downloadRespond() {
     getStatus();
     const int socket = getParam("serverSocket", "-1").toInt(nullptr, 10);
     const QString fileName = getParam("fileName", "");
-    const QString mountPath = getParam("mountPath", "");
     const QString srcPath = getParam("srcPath", "");
-    const QString rootPath = getParam("rootPath", "");
     const QString userName = getParam("userName", "");
-    const QString appKey = getParam("appKey", "");
     const QString appVersion = getParam("appVersion", "");
     Q_UNUSED(userName)
     Q_UNUSED(appVersion)
@@ -35,16 +32,10 @@ bool VeskHandler2_0_0::downloadRespond() {
     qint64 offset = getParam("offset", "-1").toLongLong(nullptr, 10);
     setParam("transferBeginSize", QString::number(offset));
 
-    const QString appPath = getAppPath(appKey);
-    if (appPath.isEmpty()) {
-        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+    QString root;
+    if (!resolveAppRoot(function, root))
         return false;
-    }
-
-    // Every piece the client sent is confined below the one before it, so the path stays
-    // inside the mount whatever the pieces hold.
-    QString path =
-        pathJoin(pathJoin(pathJoin(pathJoin(mountPath, appPath), rootPath), srcPath), fileName);
+    QString path = pathJoin(pathJoin(root, srcPath), fileName);
     log("info", QString("%1: %2 ...").arg(function, path));
 
     const bool exists = exist(path);

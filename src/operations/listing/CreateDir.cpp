@@ -21,25 +21,18 @@ bool VeskHandler2_0_0::createDirRequest() {
 
 bool VeskHandler2_0_0::createDirRespond() {
     const QString function = "createDirRespond";
-    const QString mountPath = getParam("mountPath", "");
     const QString destPath = getParam("destPath", "");
-    const QString rootPath = getParam("rootPath", "");
     // Carried in the TaskParam for the record; creating a directory does not depend on them.
     const QString userName = getParam("userName", "");
-    const QString appKey = getParam("appKey", "");
     const QString appVersion = getParam("appVersion", "");
     Q_UNUSED(userName);
     Q_UNUSED(appVersion);
     const int mode = parseMode(getParam("dirMod", ""));
 
-    const QString appPath = getAppPath(appKey);
-    if (appPath.isEmpty()) {
-        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+    QString base;
+    if (!resolveAppRoot(function, base))
         return false;
-    }
-
-    // pathJoin keeps every piece the client sent below the mount.
-    QString dir = pathJoin(pathJoin(pathJoin(mountPath, appPath), rootPath), destPath);
+    QString dir = pathJoin(base, destPath);
     log("info", QString("%1: %2 ...").arg(function, dir));
 
     // An existing directory is not a short cut: mkdir runs in every case and decides.
@@ -49,7 +42,6 @@ bool VeskHandler2_0_0::createDirRespond() {
         return false;
     }
     // The mode goes to each directory below the root path down to the target, not to the root.
-    const QString base = pathJoin(pathJoin(mountPath, appPath), rootPath);
     if (!chmodRecursively(base, dir, mode)) {
         log("error", QString("%1: chmodRecursively %2 failed.").arg(function, dir));
         return false;

@@ -19,22 +19,16 @@ bool VeskHandler2_0_0::listRespond() {
     const QString function = "listRespond";
     ParamMap chunk;
 
-    const QString mountPath = getParam("mountPath", "");
     const QString srcPath = getParam("srcPath", "");
-    const QString rootPath = getParam("rootPath", "");
     const QString userName = getParam("userName", "");
-    const QString appKey = getParam("appKey", "");
     const QString appVersion = getParam("appVersion", "");
     Q_UNUSED(userName)
     Q_UNUSED(appVersion)
 
-    const QString appPath = getAppPath(appKey);
-    if (appPath.isEmpty()) {
-        log("error", QString("%1: get path of app [%2] failed.").arg(function, appKey));
+    QString root;
+    if (!resolveAppRoot(function, root))
         return false;
-    }
-    // pathJoin confines each client-supplied piece, so the root stays inside the mount.
-    QString root = pathJoin(pathJoin(pathJoin(mountPath, appPath), rootPath), srcPath);
+    root = pathJoin(root, srcPath);
     log("info", QString("%1: %2 ...").arg(function, root));
     // Nothing at all goes to the client before the acknowledgment; it fails on its own receive.
     if (!exist(root)) {

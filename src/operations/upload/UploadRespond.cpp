@@ -41,12 +41,10 @@ bool VeskHandler2_0_0::uploadRespond() {
         return false;
     };
     const int socket = getParam("serverSocket", "-1").toInt();
-    const QString mountPath = getParam("mountPath", "");
     const QString fileName = getParam("fileName", "");
     const QString destPath = getParam("destPath", "");
-    const QString rootPath = getParam("rootPath", "");
-    // "userName" and "appVersion" travel with the task but do not affect where the file lands.
-    const QString appKey = getParam("appKey", "");
+    // "userName" and "appVersion" travel with the task but do not affect where the file lands;
+    // "mountPath", "appKey" and "rootPath" are resolved by resolveAppRoot.
     const int fileMod = parseMode(getParam("fileMod", ""));
     const int dirMod = parseMode(getParam("dirMod", ""));
     const QString method = getParam("bVerify", "false");
@@ -55,10 +53,9 @@ bool VeskHandler2_0_0::uploadRespond() {
     const qint64 mtime = getParam("mtime", "-1").toLongLong();
     const QString clientValue = method != "false" ? getParam("verifyValue", "") : QString();
 
-    const QString appPath = getAppPath(appKey);
-    if (appPath.isEmpty())
-        return fail(QString("%1: get path of app [%2] failed.").arg(fn, appKey));
-    const QString root = pathJoin(pathJoin(mountPath, appPath), rootPath);
+    QString root;
+    if (!resolveAppRoot(fn, root))
+        return false;
     QString dest = pathJoin(pathJoin(root, destPath), fileName);
     QString destDir = QFileInfo(dest).path();
     log("info", QString("%1: %2 ...").arg(fn, dest));
