@@ -83,8 +83,13 @@ private slots:
             QVERIFY(VESK::wire::sendFrame(c.get(), 3, "done"));
         }
         QCOMPARE(server.get(), qint64(0));
-        // A resend waits at least 300 ms.
+#ifndef __SANITIZE_ADDRESS__
+        // A resend waits at least 300 ms. (A sanitizer build beside other tests is too slow for
+        // this bound to mean anything; the count of resent packets above still holds there.)
         QVERIFY2(slowest < 250, qPrintable(QString("slowest answer %1 ms").arg(slowest)));
+#else
+        Q_UNUSED(slowest);
+#endif
     }
 
     void listeningOnATakenPortFailsWithTheCause() {

@@ -315,14 +315,15 @@ QString interruptedText(const ClientTask& task, const QString& stop) {
 
 QString stalledText(const ClientTask& task) {
     const QString what =
-        QString("%1:%2 made no progress for %3 s; stopped")
+        QString("the server %1:%2 made no progress for %3 s (--stall-timeout); "
+                "stopped")
             .arg(task.url.host, QString::number(task.url.port), QString::number(task.stallTimeout));
     if (task.op == QLatin1String("upload"))
-        return what + ". The part already sent stays on the server: run the same command again "
+        return what + ". What was already sent stays on the server: run the same command again "
                       "to resume";
     if (task.op == QLatin1String("download"))
-        return what + QString(". The partial file stays beside %1: run the same command again to "
-                              "resume")
+        return what + QString(". What was already received stays beside %1: run the same "
+                              "command again to resume")
                           .arg(task.localPath);
     return what + ". Try again later";
 }

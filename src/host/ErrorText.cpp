@@ -69,8 +69,11 @@ QString conversationProblem(const ClientFailure& f) {
         return QString("the server offered an impossible resume offset; run the command again "
                        "with --replace");
     if (hasLine(e, "(sendfile|recvfile) .* failed\\..*"))
-        return QString("the connection broke during the transfer; run the same command again to "
-                       "resume");
+        // The client cannot tell a network failure from a server that gave up (a full disk
+        // ends the transfer the same way), so it points to the server's log as well.
+        return QString("the transfer broke off; the part already moved stays and the same "
+                       "command resumes from it (when the server ended it, its log says why, "
+                       "for example a full disk)");
     if (hasLine(e, "recv TaskParamAck failed\\."))
         return QString("the server ended the task without an answer (see the server's log)");
     if (hasLine(e, "recv ListContent failed\\."))

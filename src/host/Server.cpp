@@ -13,6 +13,8 @@
 
 #include <udt/udt.h>
 
+#include <malloc.h>
+
 namespace VESK {
 namespace host {
 
@@ -42,6 +44,18 @@ QString failureReason(const QStringList& errors, const QString& lastError) {
             return line.simplified();
     }
     return errors.isEmpty() ? lastError : errors.first().simplified();
+}
+
+// A peer names the operation and the path: in the summary they are kept to one line of bounded
+// length, so that a client can neither forge further summary lines nor flood the output.
+QString summaryField(const QString& text) {
+    constexpr int kMaxChars = 512;
+    QString field = text.left(kMaxChars);
+    for (QChar& c : field) {
+        if (c.unicode() < 0x20 || c.unicode() == 0x7f)
+            c = '?';
+    }
+    return text.size() > kMaxChars ? field + "..." : field;
 }
 
 qint64 paramNumber(VeskBase* handler, const QString& key) {
@@ -327,8 +341,9 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
                                                  paramNumber(handler.get(), "transferBeginSize"));
     printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
-                 .arg(peer, op.isEmpty() ? "-" : op, taskPath(handler.get()),
-                      QString::number(bytes), QString::number(seconds, 'f', 2), result));
+                 .arg(peer, op.isEmpty() ? "-" : summaryField(op),
+                      summaryField(taskPath(handler.get())), QString::number(bytes),
+                      QString::number(seconds, 'f', 2), summaryField(result)));
     handler.reset();
     net::drainAndClose(socket);
 }
@@ -359,8 +374,17 @@ QString Server::taskPath(VeskBase* handler) const {
 
 void Server::watchForStalls() {
     std::unique_lock<std::mutex> lock(m_mutex);
+    bool busy = false;
     while (!m_stopping && m_accepting) {
         m_stopped.wait_for(lock, std::chrono::milliseconds(kStallCheckMs));
+        // Each connection's UDT buffers are megabytes; once the last one has ended, the heap
+        // they leave behind goes back to the system instead of holding the peak for good.
+        if (busy && m_connections.empty()) {
+            lock.unlock();
+            ::malloc_trim(0);
+            lock.lock();
+        }
+        busy = !m_connections.empty();
         for (auto& entry : m_connections) {
             Connection& connection = entry.second;
             if (m_stopping || !connection.handler || connection.stalled ||
