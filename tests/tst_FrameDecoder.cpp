@@ -6,6 +6,18 @@
 
 using namespace VESK::wire;
 
+namespace {
+
+// A header alone, announcing `length` bytes of message 5.
+QByteArray headerAnnouncing(quint32 length) {
+    QByteArray header(kHeaderBytes, Qt::Uninitialized);
+    qToBigEndian<quint32>(5, header.data());
+    qToBigEndian<quint32>(length, header.data() + 4);
+    return header;
+}
+
+} // namespace
+
 class tst_FrameDecoder : public QObject {
     Q_OBJECT
 
@@ -70,9 +82,7 @@ private slots:
 
     void lengthOverTheLimitIsInvalidWithoutItsBody() {
         QFETCH(quint32, length);
-        QByteArray header(kHeaderBytes, Qt::Uninitialized);
-        qToBigEndian<quint32>(5, header.data());
-        qToBigEndian<quint32>(length, header.data() + 4);
+        const QByteArray header = headerAnnouncing(length);
         quint32 number = 0;
         QByteArray body;
         int consumed = -1;
@@ -87,13 +97,11 @@ private slots:
     }
 
     void lengthAtTheLimitWaitsForItsBody() {
-        QByteArray header(kHeaderBytes, Qt::Uninitialized);
-        qToBigEndian<quint32>(5, header.data());
-        qToBigEndian<quint32>(kMaxBodyBytes, header.data() + 4);
         quint32 number = 0;
         QByteArray body;
         int consumed = -1;
-        QCOMPARE(decodeFrame(header, number, body, consumed), Decoded::Incomplete);
+        QCOMPARE(decodeFrame(headerAnnouncing(kMaxBodyBytes), number, body, consumed),
+                 Decoded::Incomplete);
     }
 };
 

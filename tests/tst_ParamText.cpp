@@ -54,6 +54,13 @@ private slots:
         QCOMPARE(VeskBase::unSerializeParam(text), ParamMap());
     }
 
+    void repeatedNameAfterANulCharacterGivesAnEmptyMap() {
+        // A NUL inside a string value must not end the scan before Qt's reader ends its parse.
+        const QString text =
+            QString("{\"\":\"") + QChar(0) + "\",\"mac\":{\"\":\"\"},\"mac\":\"\"}";
+        QCOMPARE(VeskBase::unSerializeParam(text), ParamMap());
+    }
+
     void sameNameInDifferentObjectsIsFine() {
         QCOMPARE(VeskBase::unSerializeParam(
                      "{\"a\":{\"a\":\"1\"},\"b\":[{\"a\":\"\"},{\"a\":\"\"}],\"c\":\"a\"}"),

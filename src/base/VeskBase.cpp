@@ -183,9 +183,10 @@ bool safeForQtReader(const QString& text) {
 
 QMap<QString, QString> VeskBase::unSerializeParam(const QString& text) {
     QMap<QString, QString> map;
-    // The scan reads the very text Qt reads, after the conversion to UTF-8.
+    // The scan reads the very text Qt reads, after the conversion to UTF-8, NULs included (the
+    // QByteArray overload of fromUtf8 would stop at the first one; Qt's JSON reader does not).
     const QByteArray utf8 = text.toUtf8();
-    if (!safeForQtReader(QString::fromUtf8(utf8)))
+    if (!safeForQtReader(QString::fromUtf8(utf8.constData(), utf8.size())))
         return map;
     const QJsonDocument doc = QJsonDocument::fromJson(utf8);
     if (!doc.isObject())
