@@ -5,7 +5,6 @@
 #include "base/Net.h"
 #include "base/Wire.h"
 
-#include <QElapsedTimer>
 #include <QTest>
 
 #include <cerrno>
@@ -45,7 +44,8 @@ private slots:
 
     // A peer that answers the moment it is connected must not have its answer dropped (and sent
     // again after a timeout, which also slows the connection for seconds). The race is rare per
-    // connection, so the test makes many.
+    // connection, so the test makes many, and counts resent packets rather than timing answers:
+    // a loaded machine delays answers without any resend.
     void replyRightAfterConnectArrivesFirstTime() {
         constexpr int kConnections = 200;
         quint16 port = 0;
@@ -53,43 +53,45 @@ private slots:
         VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
         QVERIFY2(listener.valid(), qPrintable(error));
 
-        auto server = std::async(std::launch::async, [&] {
+        // Every wait below is bounded, and a failed check on this side closes the listener
+        // (which ends a pending accept), so a failure reports itself instead of hanging.
+        constexpr int kWaitMs = 15000;
+        auto server = std::async(std::launch::async, [&]() -> QString {
             qint64 resent = 0;
             for (int i = 0; i < kConnections; ++i) {
                 VESK::net::Socket s(VESK::net::acceptOn(listener.get()));
                 quint32 number = 0;
                 QByteArray body;
-                if (!s.valid() || !VESK::wire::recvFrame(s.get(), number, body) ||
+                if (!s.valid())
+                    return QString("accept %1 failed").arg(i);
+                VESK::net::setReceiveTimeout(s.get(), kWaitMs);
+                if (!VESK::wire::recvFrame(s.get(), number, body) ||
                     !VESK::wire::sendFrame(s.get(), 2, body) ||
                     !VESK::wire::recvFrame(s.get(), number, body))
-                    return qint64(-1);
+                    return QString("exchange %1 failed").arg(i);
                 resent += resentPackets(s.get());
             }
-            return resent;
+            return resent == 0 ? QString() : QString("%1 packets sent again").arg(resent);
         });
+        struct CloseListener {
+            VESK::net::Socket& listener;
+            ~CloseListener() { listener.reset(); }
+        } closeOnExit{listener};
 
-        qint64 slowest = 0;
         for (int i = 0; i < kConnections; ++i) {
             VESK::net::Socket c(VESK::net::connectTo("127.0.0.1", port, &error));
             QVERIFY2(c.valid(), qPrintable(error));
-            QElapsedTimer timer;
-            timer.start();
+            VESK::net::setReceiveTimeout(c.get(), kWaitMs);
             quint32 number = 0;
             QByteArray body;
             QVERIFY(VESK::wire::sendFrame(c.get(), 1, "hello"));
-            QVERIFY(VESK::wire::recvFrame(c.get(), number, body));
-            slowest = std::max(slowest, timer.elapsed());
+            QVERIFY2(VESK::wire::recvFrame(c.get(), number, body),
+                     qPrintable(QString("no answer on connection %1").arg(i)));
             QCOMPARE(body, QByteArray("hello"));
             QVERIFY(VESK::wire::sendFrame(c.get(), 3, "done"));
         }
-        QCOMPARE(server.get(), qint64(0));
-#ifndef __SANITIZE_ADDRESS__
-        // A resend waits at least 300 ms. (A sanitizer build beside other tests is too slow for
-        // this bound to mean anything; the count of resent packets above still holds there.)
-        QVERIFY2(slowest < 250, qPrintable(QString("slowest answer %1 ms").arg(slowest)));
-#else
-        Q_UNUSED(slowest);
-#endif
+        const QString serverError = server.get();
+        QVERIFY2(serverError.isEmpty(), qPrintable(serverError));
     }
 
     void listeningOnATakenPortFailsWithTheCause() {

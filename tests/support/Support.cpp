@@ -75,17 +75,21 @@ UdtPair connectedPair() {
         QTest::qFail(qPrintable("listen: " + error), __FILE__, __LINE__);
         return pair;
     }
-    QString connectError;
-    auto connecting = std::async(std::launch::async, [&] {
-        return VESK::net::connectTo("127.0.0.1", pair.port, &connectError);
+    QString acceptError;
+    auto accepting = std::async(std::launch::async, [&] {
+        return VESK::net::acceptOn(listener.get(), nullptr, &acceptError);
     });
-    pair.server.reset(VESK::net::acceptOn(listener.get(), nullptr, &error));
-    pair.client.reset(connecting.get());
+    pair.client.reset(VESK::net::connectTo("127.0.0.1", pair.port, &error));
+    // The listener is closed without draining (it never carries data); closing it also ends
+    // the accept when the connect failed.
+    if (!pair.client.valid())
+        UDT::close(listener.release());
+    pair.server.reset(accepting.get());
+    if (listener.valid())
+        UDT::close(listener.release());
     if (!pair.client.valid() || !pair.server.valid())
-        QTest::qFail(qPrintable("connect: " + connectError + " accept: " + error), __FILE__,
+        QTest::qFail(qPrintable("connect: " + error + " accept: " + acceptError), __FILE__,
                      __LINE__);
-    // The listener is closed without draining: it never carries data.
-    UDT::close(listener.release());
     return pair;
 }
 
