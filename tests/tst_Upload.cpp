@@ -273,6 +273,8 @@ class tst_Upload : public QObject {
     void stopServerMidTransfer(const MountTree& tree, const QString& word, qint64& partial) {
         Session s(tree, m_bigName, "false", "false", m_bigDir.path());
         const QString tmp = temporaryOf(tree, m_bigName);
+        // Two seconds for the whole file, far longer than the stop needs to be seen.
+        limitSendRate(s.pair.client.get(), 150 * kMiB);
         AsyncTask serverTask(s.server.get());
         AsyncTask clientTask(s.client.get());
         QElapsedTimer timer;

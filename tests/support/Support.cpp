@@ -97,6 +97,12 @@ void setReceiveTimeout(int socket, int ms) {
     VESK::net::setReceiveTimeout(socket, ms);
 }
 
+void limitSendRate(int socket, qint64 bytesPerSecond) {
+    const int64_t limit = bytesPerSecond;
+    if (UDT::setsockopt(socket, 0, UDT_MAXBW, &limit, sizeof limit) == UDT::ERROR)
+        QTest::qFail("cannot limit the send rate", __FILE__, __LINE__);
+}
+
 int socketState(int socket) {
     return int(UDT::getsockstate(socket));
 }

@@ -46,6 +46,11 @@ UdtPair connectedPair();
 // Sets a receive timeout so a test that expects silence does not wait forever.
 void setReceiveTimeout(int socket, int ms);
 
+// Caps what `socket` sends, in bytes per second. Tests that stop a transfer in the middle use
+// it so that a busy machine, which may leave the test's thread waiting for a while, cannot let
+// the transfer run to its end before the stop.
+void limitSendRate(int socket, qint64 bytesPerSecond);
+
 // UDT's view of a socket (UDTSTATUS: CONNECTED = 5, BROKEN = 6, CLOSED = 8, NONEXIST = 9).
 int socketState(int socket);
 
