@@ -31,6 +31,9 @@ namespace {
 const QString kVesk = QStringLiteral(VESK_BINARY);
 // Large enough that a transfer over loopback is still running when it is interrupted.
 constexpr qint64 kBigSize = 256ll * 1024 * 1024;
+// Transfers that a test interrupts run at this rate (four seconds for the large file), so that a
+// busy machine cannot let one finish before the interrupt arrives.
+const QString kInterruptedRate = QStringLiteral("64M");
 
 // Starts vesk. In a sanitizer build the leak checker would add its report of suppressions to
 // stderr, which the tests compare word for word.
@@ -304,6 +307,12 @@ private slots:
         QTest::newRow("unknown verify method")
             << QStringList{"upload", "--verify", "crc", "a.txt", "vesk://127.0.0.1:1/a"}
             << "unknown verify method 'crc'";
+        QTest::newRow("rate with a unit of its own")
+            << QStringList{"upload", "--max-rate", "5MB/s", "a.txt", "vesk://127.0.0.1:1/a"}
+            << "--max-rate takes bytes per second";
+        QTest::newRow("negative rate")
+            << QStringList{"upload", "--max-rate", "-1", "a.txt", "vesk://127.0.0.1:1/a"}
+            << "--max-rate takes bytes per second";
     }
     void badUsageExitsWithStatusTwo() {
         QFETCH(QStringList, args);
@@ -338,6 +347,8 @@ private slots:
         QTest::newRow("connections")
             << QStringList{"--mount", ".", "--app", "a=x", "--max-connections", "0"}
             << "--max-connections";
+        QTest::newRow("rate") << QStringList{"--mount", ".", "--app", "a=x", "--max-rate", "fast"}
+                              << "--max-rate takes bytes per second";
         QTest::newRow("listen") << QStringList{"--mount", ".",        "--app",
                                                "a=x",     "--listen", "127.0.0.1:x"}
                                 << "not a valid port";
@@ -539,6 +550,31 @@ private slots:
         QVERIFY2(run.err.startsWith("vesk: cannot reach 127.0.0.1:1"), qPrintable(run.err));
     }
 
+    // Each side caps what it sends: the client an upload, the server a download. A cap only
+    // slows a transfer down, so the lower bound on its time holds on a busy machine too.
+    void maxRateCapsWhatEachSideSends() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-rate", "2M"});
+        QVERIFY(server.start());
+        const QString source = s.local() + "/paced.bin";
+        QVERIFY(writePatternFile(source, 3 * 1024 * 1024, 8));
+
+        QElapsedTimer clock;
+        clock.start();
+        const Run up = runVesk({"upload", "--max-rate", "1.5M", source, server.url("appA")});
+        QCOMPARE(up.code, 0);
+        QVERIFY2(clock.elapsed() >= 1700, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(sameContents(source, s.appA() + "/paced.bin"));
+
+        QVERIFY(QDir().mkpath(s.local() + "/back"));
+        clock.restart();
+        const Run down = runVesk({"download", server.url("appA/paced.bin"), s.local() + "/back"});
+        QCOMPARE(down.code, 0);
+        QVERIFY2(clock.elapsed() >= 1200, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(sameContents(source, s.local() + "/back/paced.bin"));
+        QCOMPARE(server.stop(), 0);
+    }
+
     // ---- Interrupts and resumption --------------------------------------------------------
 
     void interruptedUploadKeepsItsPartAndResumesByteIdentical() {
@@ -548,7 +584,7 @@ private slots:
         const QString destination = s.appA() + "/big.bin";
 
         QProcess client;
-        startVesk(client, {"upload", m_big, server.url("appA")});
+        startVesk(client, {"upload", "--max-rate", kInterruptedRate, m_big, server.url("appA")});
         QVERIFY(waitForSizeAbove(partialOf(destination), 0));
         signalProcess(client, SIGINT);
         QVERIFY(client.waitForFinished(20000));
@@ -575,7 +611,7 @@ private slots:
 
     void interruptedDownloadKeepsItsPartAndResumes() {
         Scratch s;
-        ServeProcess server(s.mount());
+        ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
         QVERIFY(server.start());
         QVERIFY(QDir().mkpath(s.appA()));
         QVERIFY(QFile::copy(m_big, s.appA() + "/big.bin"));
@@ -644,7 +680,7 @@ private slots:
         QVERIFY(server->start());
 
         QProcess client;
-        startVesk(client, {"upload", m_big, server->url("appA")});
+        startVesk(client, {"upload", "--max-rate", kInterruptedRate, m_big, server->url("appA")});
         QVERIFY(waitForSizeAbove(partialOf(destination), 0));
         QCOMPARE(server->stop(SIGTERM), 0);
         QVERIFY(server->stderrText().contains("vesk: stopping; 1 running task(s) paused"));
@@ -760,7 +796,7 @@ private slots:
         QVERIFY(file.open(QIODevice::WriteOnly));
         // The file's listen address is unusable; the command line's replaces it. The mount is
         // relative to the file's own directory.
-        file.write("listen = 127.0.0.1:1\nmount = mount\ndir-mode = 700\n"
+        file.write("listen = 127.0.0.1:1\nmount = mount\ndir-mode = 700\nmax-rate = 1M\n"
                    "[apps]\nfromFile = files\n");
         file.close();
         ServeProcess server(s.mount(), {"--config", config});

@@ -228,6 +228,12 @@ bool setReceiveTimeout(int socket, int ms) {
     return UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &ms, sizeof ms) != UDT::ERROR;
 }
 
+bool limitSendRate(int socket, qint64 bytesPerSecond) {
+    // UDT reads a 64-bit value; -1 is its "no cap".
+    const int64_t cap = bytesPerSecond > 0 ? bytesPerSecond : -1;
+    return UDT::setsockopt(socket, 0, UDT_MAXBW, &cap, sizeof cap) != UDT::ERROR;
+}
+
 void drainAndClose(int socket, int timeoutMs) {
     if (socket < 0)
         return;

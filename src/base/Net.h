@@ -31,6 +31,10 @@ int acceptOn(int listener, QString* peer = nullptr, QString* error = nullptr);
 // Bounds each receive on `socket` to `ms` milliseconds; -1 waits without limit (UDT's default).
 bool setReceiveTimeout(int socket, int ms);
 
+// Caps what `socket` sends at `bytesPerSecond` (0 or less: no cap). UDT paces its packets to the
+// cap, so a transfer leaves room on a shared link instead of filling it.
+bool limitSendRate(int socket, qint64 bytesPerSecond);
+
 // Waits (at most `timeoutMs`) until the socket has no unsent data, then closes it. With zero
 // linger this is what keeps the last control message from being cut off.
 void drainAndClose(int socket, int timeoutMs = 5000);

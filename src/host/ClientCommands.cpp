@@ -57,6 +57,11 @@ const QCommandLineOption kStallTimeout(
     "Stop when the server sent and received nothing (and no local file was read or written) "
     "for SECONDS; a transfer's partial file stays for a resume (default 120, 0: no limit).",
     "SECONDS", QString::number(kDefaultStallTimeoutSeconds));
+const QCommandLineOption kMaxRate("max-rate",
+                                  "Send at most RATE bytes per second, with K, M or G for "
+                                  "powers of 1024 (such as 20M; default 0: as fast as the link "
+                                  "allows).",
+                                  "RATE", "0");
 const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
 
 // One task as the user asked for it, before anything is connected.
@@ -73,6 +78,7 @@ struct ClientTask {
     QString plugins;
     bool quiet = false;
     int stallTimeout = kDefaultStallTimeoutSeconds;
+    qint64 maxRate = 0;    // bytes per second this side sends at most; 0: no cap
     bool counters = false; // upload and download report progress through the two counters
     bool json = false;
 };
@@ -177,6 +183,11 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
     if (!socket.valid()) {
         printErr("vesk: " + error);
         return socket;
+    }
+    if (!net::limitSendRate(socket.get(), task.maxRate)) {
+        printErr(QString("vesk: cannot limit the send rate: %1")
+                     .arg(QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage())));
+        return net::Socket();
     }
     QString protocol, version, errorType;
     splitProtocolKey(handler->getKey(), &protocol, &version);
@@ -378,7 +389,7 @@ const char* const kUrlForm = "vesk://HOST:PORT/APPKEY/PATH";
 
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kMaxRate, pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
@@ -395,6 +406,8 @@ int runUpload(const QStringList& args) {
         return status;
     if (const int status = readTransferOptions(parser, task); status >= 0)
         return status;
+    if (!parseRate(parser.value(kMaxRate), &task.maxRate))
+        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
     const QFileInfo local(parser.positionalArguments().at(0));
     task.localPath = local.absoluteFilePath();
     if (!local.exists()) {

@@ -24,6 +24,21 @@ int usageError(const QString& command, const QString& message) {
     return kExitUsage;
 }
 
+bool parseRate(const QString& text, qint64* bytesPerSecond) {
+    static const QRegularExpression form(QStringLiteral("^(\\d+(?:\\.\\d+)?)([KMG]?)$"),
+                                         QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch match = form.match(text.trimmed());
+    if (!match.hasMatch())
+        return false;
+    const QString unit = match.captured(2).toUpper();
+    const int power = unit.isEmpty() ? 0 : QStringLiteral("KMG").indexOf(unit) + 1;
+    const double value = match.captured(1).toDouble() * double(1ll << (10 * power));
+    if (value >= 9e18)
+        return false;
+    *bytesPerSecond = qint64(value);
+    return true;
+}
+
 QCommandLineOption pluginsOption() {
     return {"plugins",
             "Directory that holds the plug-in (default: $VESK_PLUGIN_PATH, then the "

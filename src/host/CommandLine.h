@@ -25,6 +25,10 @@ int parseCommand(QCommandLineParser& parser, const QStringList& args, const Comm
 // Prints "vesk COMMAND: MESSAGE; see 'vesk COMMAND --help'" and returns 2.
 int usageError(const QString& command, const QString& message);
 
+// Reads a rate in bytes per second: a number with an optional K, M or G (powers of 1024), such
+// as "500K" or "1.5G"; 0 means no limit. False for anything else.
+bool parseRate(const QString& text, qint64* bytesPerSecond);
+
 // The option every command that loads the plug-in takes.
 QCommandLineOption pluginsOption();
 

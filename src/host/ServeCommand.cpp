@@ -21,8 +21,8 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen", "mount",           "file-mode", "dir-mode",
-                            "log",    "max-connections", "plugins",   "stall-timeout"};
+const QStringList kSettings{"listen",  "mount",           "file-mode", "dir-mode",     "log",
+                            "plugins", "max-connections", "max-rate",  "stall-timeout"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins"};
 
@@ -143,6 +143,9 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!ok || config.stallTimeout < 0)
         return QString("--stall-timeout takes a number of seconds (0: no limit)");
 
+    if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
+        return QString("--max-rate takes bytes per second, such as 500K or 20M");
+
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
@@ -186,6 +189,10 @@ int runServe(const QStringList& args) {
         {"log", "Append the protocol log to FILE.", "FILE"},
         {"max-connections",
          "Connections served at once; one more is refused at the hello (default 64).", "N"},
+        {"max-rate",
+         "Send at most RATE bytes per second on each connection (what downloads receive), "
+         "with K, M or G for powers of 1024 (default 0: as fast as the link allows).",
+         "RATE"},
         {"stall-timeout",
          "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
          "file stays for a resume (default 120, 0: no limit).",

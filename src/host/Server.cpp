@@ -273,6 +273,9 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
     } else if (!answerHello(socket, QString(), &error)) {
         printErr(QString("vesk: %1: cannot answer the hello (%2)").arg(peer, error));
         UDT::close(socket);
+    } else if (!net::limitSendRate(socket, m_config.maxRate)) {
+        printErr(QString("vesk: %1: cannot limit the send rate").arg(peer));
+        net::drainAndClose(socket);
     } else {
         runTask(id, socket, peer);
     }

@@ -35,6 +35,7 @@ struct ServeConfig {
     QString logFile;
     int maxConnections = 64;
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
+    qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".

@@ -98,8 +98,7 @@ void setReceiveTimeout(int socket, int ms) {
 }
 
 void limitSendRate(int socket, qint64 bytesPerSecond) {
-    const int64_t limit = bytesPerSecond;
-    if (UDT::setsockopt(socket, 0, UDT_MAXBW, &limit, sizeof limit) == UDT::ERROR)
+    if (!VESK::net::limitSendRate(socket, bytesPerSecond))
         QTest::qFail("cannot limit the send rate", __FILE__, __LINE__);
 }
 
