@@ -310,6 +310,9 @@ private slots:
         QTest::newRow("rate with a unit of its own")
             << QStringList{"upload", "--max-rate", "5MB/s", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";
+        QTest::newRow("rate that rounds to no cap")
+            << QStringList{"upload", "--max-rate", "0.5", "a.txt", "vesk://127.0.0.1:1/a"}
+            << "--max-rate takes bytes per second";
         QTest::newRow("negative rate")
             << QStringList{"upload", "--max-rate", "-1", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";

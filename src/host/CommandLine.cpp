@@ -33,7 +33,8 @@ bool parseRate(const QString& text, qint64* bytesPerSecond) {
     const QString unit = match.captured(2).toUpper();
     const int power = unit.isEmpty() ? 0 : QStringLiteral("KMG").indexOf(unit) + 1;
     const double value = match.captured(1).toDouble() * double(1ll << (10 * power));
-    if (value >= 9e18)
+    // Below one byte a second the cap would round to 0, which means no cap at all.
+    if ((value > 0 && value < 1) || value >= 9e18)
         return false;
     *bytesPerSecond = qint64(value);
     return true;

@@ -251,6 +251,14 @@ void Server::refuseConnection(int socket, const QString& peer, const QString& re
 }
 
 void Server::serveConnection(quint64 id, int socket, const QString& peer) {
+    // Capped before the hello, so that a client is never told "accepted" by a connection that
+    // then goes away without a word.
+    if (!net::limitSendRate(socket, m_config.maxRate)) {
+        printErr(QString("vesk: %1: cannot limit the send rate").arg(peer));
+        UDT::close(socket);
+        finishConnection(id);
+        return;
+    }
     QString protocol, version, error;
     if (!readHello(socket, &protocol, &version, &error)) {
         printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
@@ -273,9 +281,6 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
     } else if (!answerHello(socket, QString(), &error)) {
         printErr(QString("vesk: %1: cannot answer the hello (%2)").arg(peer, error));
         UDT::close(socket);
-    } else if (!net::limitSendRate(socket, m_config.maxRate)) {
-        printErr(QString("vesk: %1: cannot limit the send rate").arg(peer));
-        net::drainAndClose(socket);
     } else {
         runTask(id, socket, peer);
     }
