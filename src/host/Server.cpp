@@ -158,9 +158,12 @@ int Server::run() {
     QStringList apps;
     for (const AppEntry& app : m_config.apps)
         apps << QString("%1 -> %2").arg(app.key, m_config.appDirectory(app.key));
-    printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
+    printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections, %6")
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
-                      QString::number(m_config.maxConnections)));
+                      QString::number(m_config.maxConnections),
+                      m_config.authenticate
+                          ? QString("%1 user(s) authenticated").arg(m_config.secrets.size())
+                          : QString("anonymous")));
 
     std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
