@@ -414,6 +414,8 @@ private slots:
         QTest::newRow("negative rate")
             << QStringList{"upload", "--max-rate", "-1", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";
+        QTest::newRow("empty user")
+            << QStringList{"ls", "vesk://@127.0.0.1:1/a"} << "names an empty user before '@'";
     }
     void badUsageExitsWithStatusTwo() {
         QFETCH(QStringList, args);
@@ -455,6 +457,21 @@ private slots:
                                 << "not a valid port";
         QTest::newRow("missing config")
             << QStringList{"--config", "/nonexistent/vesk.conf"} << "cannot read the config";
+        QTest::newRow("missing secrets")
+            << QStringList{"--mount", ".", "--app", "a=x", "--secrets", "/nonexistent/secrets"}
+            << "cannot read the secrets file";
+        QTest::newRow("access without secrets")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "a=alice:rw"}
+            << "--access needs --secrets";
+        QTest::newRow("access for no application")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "b=alice:rw"}
+            << "access for 'b', which is no application";
+        QTest::newRow("access right")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "a=alice:write"}
+            << "is not USER:rw or USER:ro";
+        QTest::newRow("per address")
+            << QStringList{"--mount", ".", "--app", "a=x", "--max-per-address", "0"}
+            << "--max-per-address";
     }
     void serveRefusesABadConfigurationWithStatusTwo() {
         QFETCH(QStringList, args);
