@@ -20,6 +20,14 @@ QString lastUdtError() {
     return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
 }
 
+// The sentence for a header that announces more than a reader takes.
+QString overLimit(const FrameHeader& header, quint32 limit) {
+    return QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
+        .arg(header.number)
+        .arg(header.length)
+        .arg(limit);
+}
+
 // Bodies are read in pieces of this size (see recvFrame).
 constexpr int kBodyChunkBytes = 1024 * 1024;
 
@@ -65,10 +73,7 @@ bool decodeHeader(const char* bytes, FrameHeader& header, QString* error) {
     header.number = qFromBigEndian<quint32>(bytes);
     header.length = qFromBigEndian<quint32>(bytes + 4);
     if (header.length > kMaxBodyBytes) {
-        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
-                            .arg(header.number)
-                            .arg(header.length)
-                            .arg(kMaxBodyBytes));
+        setError(error, overLimit(header, kMaxBodyBytes));
         return false;
     }
     return true;
@@ -161,10 +166,7 @@ bool recvFrameBeforeImpl(int socket, quint32& number, QByteArray& body,
     if (!decodeHeader(bytes, header, error))
         return false;
     if (header.length > maxBody) {
-        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
-                            .arg(header.number)
-                            .arg(header.length)
-                            .arg(maxBody));
+        setError(error, overLimit(header, maxBody));
         return false;
     }
     number = header.number;
