@@ -1083,6 +1083,12 @@ private slots:
                     environment);
         QVERIFY2(allowed.code == 0, qPrintable(allowed.err));
         QCOMPARE(allowed.out, QString("/shared/\n"));
+        // alice reaches appB too, read-only: its table holds both of hers.
+        const Run readOnly =
+            runVesk({"ls", "--secret-file", s.alice(), userUrl("alice", server.port(), "appB")},
+                    60000, environment);
+        QVERIFY2(readOnly.code == 0, qPrintable(readOnly.err));
+        QCOMPARE(readOnly.out, QString("/shared/\n"));
         QCOMPARE(server.stop(), 0);
     }
 

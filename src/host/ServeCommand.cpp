@@ -282,7 +282,8 @@ int runServe(const QStringList& args) {
         "summary line per task goes to stdout. SIGINT or SIGTERM stops it: running transfers "
         "are paused (their partial files stay, so clients can resume) and it exits with 0.",
         "  vesk serve --listen 0.0.0.0:9000 --mount /srv/vesk --app appA=apps/a "
-        "--file-mode 644 --dir-mode 755"};
+        "--secrets /etc/vesk/secrets --access appA=alice:rw,bob:ro\n"
+        "  vesk serve --mount /tmp/share --app appA=apps/a      (anonymous, on 127.0.0.1)"};
     const int parsed = parseCommand(parser, args, help, 0, 0);
     if (parsed >= 0)
         return parsed;
