@@ -19,10 +19,16 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+#include <QUuid>
 
+#include <QMessageAuthenticationCode>
+#include <QSysInfo>
+
+#include <atomic>
 #include <csignal>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
 
 using namespace vesktest;
 
@@ -37,8 +43,11 @@ const QString kInterruptedRate = QStringLiteral("64M");
 
 // Starts vesk. In a sanitizer build the leak checker would add its report of suppressions to
 // stderr, which the tests compare word for word.
-void startVesk(QProcess& process, const QStringList& args) {
+void startVesk(QProcess& process, const QStringList& args,
+               const QMap<QString, QString>& extraEnvironment = {}) {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (auto it = extraEnvironment.constBegin(); it != extraEnvironment.constEnd(); ++it)
+        environment.insert(it.key(), it.value());
     const QString lsan = environment.value("LSAN_OPTIONS");
     environment.insert("LSAN_OPTIONS",
                        lsan.isEmpty() ? "print_suppressions=0" : lsan + ":print_suppressions=0");
@@ -53,9 +62,10 @@ struct Run {
 };
 
 // Runs vesk to its end (bounded) and collects its output.
-Run runVesk(const QStringList& args, int timeoutMs = 60000) {
+Run runVesk(const QStringList& args, int timeoutMs = 60000,
+            const QMap<QString, QString>& extraEnvironment = {}) {
     QProcess process;
-    startVesk(process, args);
+    startVesk(process, args, extraEnvironment);
     Run run;
     if (!process.waitForStarted(10000))
         return run;
@@ -245,6 +255,94 @@ struct RawHello {
     }
 };
 
+// ---- Authentication fixtures ------------------------------------------------------------------
+
+// Writes `text` to `path` with permissions `permissions`; false when it cannot.
+bool writeFileWithMode(const QString& path, const QByteArray& text, QFileDevice::Permissions mode) {
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(text) == text.size() && file.setPermissions(mode);
+}
+
+const QFileDevice::Permissions kOwnerOnly = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+
+// A scratch place for a server that authenticates: alice (read and write on appA, read-only on
+// appB) and bob (appB only), and client secret files for alice, a wrong one and bob's.
+struct AuthScratch : Scratch {
+    QString secrets() const { return dir.path() + "/secrets"; }
+    QString alice() const { return dir.path() + "/alice.secret"; }
+    QString wrong() const { return dir.path() + "/wrong.secret"; }
+    QString emptyConfig() const { return dir.path() + "/config"; }
+
+    bool write() const {
+        return QDir().mkpath(emptyConfig()) &&
+               writeFileWithMode(secrets(), "# users\nalice:correct horse\nbob:battery staple\n",
+                                 kOwnerOnly) &&
+               writeFileWithMode(alice(), "correct horse\n", kOwnerOnly) &&
+               writeFileWithMode(wrong(), "correct h0rse\n", kOwnerOnly);
+    }
+    QStringList serveArgs() const {
+        return {"--secrets",     secrets(),  "--access",
+                "appA=alice:rw", "--access", "appB=alice:ro,bob:rw"};
+    }
+    // The client's environment: no secret unless the command line gives one.
+    QMap<QString, QString> environment() const {
+        return {{"XDG_CONFIG_HOME", emptyConfig()}, {"VESK_SECRET_FILE", ""}};
+    }
+};
+
+QString userUrl(const QString& user, quint16 port, const QString& rest) {
+    return QString("vesk://%1@127.0.0.1:%2/%3").arg(user).arg(port).arg(rest);
+}
+
+// A server that challenges like a real one but cannot prove the secret: it answers the
+// client's proof with a proof of its own that is wrong. Records whether the client then sent
+// anything at all.
+class ImpostorServer {
+public:
+    ImpostorServer() {
+        m_listener = VESK::net::listenOn("127.0.0.1", 0, &m_port);
+        m_thread = std::thread([this] { serve(); });
+    }
+    ~ImpostorServer() {
+        VESK::net::Socket listener(m_listener);
+        listener.reset();
+        m_thread.join();
+    }
+    quint16 port() const { return m_port; }
+    bool challenged() const { return m_challenged; }
+    bool sentMore() const { return m_sentMore; }
+
+private:
+    void serve() {
+        QString peer;
+        VESK::net::Socket socket(VESK::net::acceptOn(m_listener, &peer));
+        if (!socket.valid())
+            return;
+        VESK::net::setReceiveTimeout(socket.get(), 10000);
+        quint32 number = 0;
+        QByteArray body;
+        if (!VESK::wire::recvFrame(socket.get(), number, body) || number != 1)
+            return;
+        const VESK::ParamMap challenge{
+            {"accepted", "challenge"}, {"method", "hmac-sha256"}, {"nonce", QString(64, '7')}};
+        VESK::wire::sendFrame(socket.get(), 2, VESK::VeskBase::serializeParam(challenge).toUtf8());
+        if (!VESK::wire::recvFrame(socket.get(), number, body) || number != 3)
+            return;
+        m_challenged = true;
+        const VESK::ParamMap outcome{{"accepted", "true"}, {"proof", QString(64, '0')}};
+        VESK::wire::sendFrame(socket.get(), 4, VESK::VeskBase::serializeParam(outcome).toUtf8());
+        VESK::net::setReceiveTimeout(socket.get(), 5000);
+        m_sentMore = VESK::wire::recvFrame(socket.get(), number, body);
+    }
+
+    int m_listener = -1;
+    quint16 m_port = 0;
+    std::atomic<bool> m_challenged{false};
+    std::atomic<bool> m_sentMore{false};
+    std::thread m_thread;
+};
+
 } // namespace
 
 class tst_Host : public QObject {
@@ -316,6 +414,8 @@ private slots:
         QTest::newRow("negative rate")
             << QStringList{"upload", "--max-rate", "-1", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";
+        QTest::newRow("empty user")
+            << QStringList{"ls", "vesk://@127.0.0.1:1/a"} << "names an empty user before '@'";
     }
     void badUsageExitsWithStatusTwo() {
         QFETCH(QStringList, args);
@@ -357,6 +457,21 @@ private slots:
                                 << "not a valid port";
         QTest::newRow("missing config")
             << QStringList{"--config", "/nonexistent/vesk.conf"} << "cannot read the config";
+        QTest::newRow("missing secrets")
+            << QStringList{"--mount", ".", "--app", "a=x", "--secrets", "/nonexistent/secrets"}
+            << "cannot read the secrets file";
+        QTest::newRow("access without secrets")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "a=alice:rw"}
+            << "--access needs --secrets";
+        QTest::newRow("access for no application")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "b=alice:rw"}
+            << "access for 'b', which is no application";
+        QTest::newRow("access right")
+            << QStringList{"--mount", ".", "--app", "a=x", "--access", "a=alice:write"}
+            << "is not USER:rw or USER:ro";
+        QTest::newRow("per address")
+            << QStringList{"--mount", ".", "--app", "a=x", "--max-per-address", "0"}
+            << "--max-per-address";
     }
     void serveRefusesABadConfigurationWithStatusTwo() {
         QFETCH(QStringList, args);
@@ -705,7 +820,7 @@ private slots:
 
     void sixteenClientsAtOnce() {
         Scratch s;
-        ServeProcess server(s.mount());
+        ServeProcess server(s.mount(), {"--max-per-address", "16"});
         QVERIFY(server.start());
         constexpr int kClients = 16;
         std::vector<std::unique_ptr<QProcess>> clients;
@@ -832,6 +947,300 @@ private slots:
         QCOMPARE(runVesk({"upload", local, server.url("abs")}).code, 0);
         QVERIFY(sameContents(local, s.mount() + "/deep/er/x.txt"));
         QCOMPARE(server.stop(), 0);
+    }
+    // ---- Authentication, rights and admission ------------------------------------------------
+
+    void authenticatedRoundTripWithTheUsersSecret() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        const QString local = s.local() + "/a.bin";
+        QVERIFY(writePatternFile(local, 300000, 5));
+        const Run up = runVesk({"upload", "--quiet", "--secret-file", s.alice(), local,
+                                userUrl("alice", server.port(), "appA/in")},
+                               60000, s.environment());
+        QVERIFY2(up.code == 0, qPrintable(up.err));
+        QVERIFY(sameContents(local, s.appA() + "/in/a.bin"));
+        // The same secret found through the environment and the per-user file.
+        QVERIFY(QDir().mkpath(s.local() + "/back"));
+        QMap<QString, QString> environment = s.environment();
+        environment["VESK_SECRET_FILE"] = s.alice();
+        const Run down =
+            runVesk({"download", "--quiet", userUrl("alice", server.port(), "appA/in/a.bin"),
+                     s.local() + "/back"},
+                    60000, environment);
+        QVERIFY2(down.code == 0, qPrintable(down.err));
+        QVERIFY(sameContents(local, s.local() + "/back/a.bin"));
+        QVERIFY(QDir().mkpath(s.emptyConfig() + "/vesk"));
+        QVERIFY(QFile::copy(s.alice(), s.emptyConfig() + "/vesk/secret"));
+        const Run list =
+            runVesk({"ls", userUrl("alice", server.port(), "appA")}, 60000, s.environment());
+        QVERIFY2(list.code == 0, qPrintable(list.err));
+        QCOMPARE(list.out, QString("/in/\n/in/a.bin\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void wrongSecretAndUnknownUserGetTheSameAnswer() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        const Run wrong =
+            runVesk({"ls", "--secret-file", s.wrong(), userUrl("alice", server.port(), "appA")},
+                    60000, s.environment());
+        const Run unknown =
+            runVesk({"ls", "--secret-file", s.alice(), userUrl("mallory", server.port(), "appA")},
+                    60000, s.environment());
+        QCOMPARE(wrong.code, 1);
+        QCOMPARE(unknown.code, 1);
+        QCOMPARE(wrong.err, QString("vesk: authentication failed: check the user name in the URL "
+                                    "and the secret\n"));
+        QCOMPARE(unknown.err, wrong.err);
+        const QRegularExpression refused(" - - 0 bytes [0-9.]+ s refused: AuthenticationFailed$");
+        QVERIFY(!server.waitForLine(refused).isEmpty());
+        QVERIFY(!server.waitForLine(refused).isEmpty());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void clientWithoutASecretIsToldToGiveOne() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        const Run run = runVesk({"ls", server.url("appA")}, 60000, s.environment());
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.err,
+                 QString("vesk: the server requires authentication; give --secret-file\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void serverThatCannotProveTheSecretIsLeftBeforeTheTask() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ImpostorServer impostor;
+        QVERIFY(impostor.port() != 0);
+        const QString local = s.local() + "/secret-plans.txt";
+        QVERIFY(writePatternFile(local, 1000, 3));
+        const Run run = runVesk({"upload", "--secret-file", s.alice(), local,
+                                 userUrl("alice", impostor.port(), "appA")},
+                                60000, s.environment());
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.startsWith(QString("vesk: 127.0.0.1:%1 is not the server that shares "
+                                            "alice's secret: its proof of the secret is wrong")
+                                        .arg(impostor.port())),
+                 qPrintable(run.err));
+        QVERIFY(impostor.challenged());
+        QVERIFY(!impostor.sentMore());
+    }
+
+    void clientWithASecretRefusesAnAnonymousServer() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const Run run = runVesk(
+            {"mkdir", "--secret-file", s.alice(), userUrl("alice", server.port(), "appA/d")}, 60000,
+            s.environment());
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("it accepted without proving that it knows the secret"),
+                 qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(s.appA() + "/d"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void secretsFileReadableByOthersIsRefused() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        QVERIFY(QFile::setPermissions(s.secrets(), kOwnerOnly | QFileDevice::ReadGroup));
+        const Run run = runVesk({"serve", "--listen", "127.0.0.1:0", "--mount", s.mount(), "--app",
+                                 "appA=apps/a", "--secrets", s.secrets()});
+        QCOMPARE(run.code, 2);
+        QVERIFY2(run.err.contains("is readable by its group or others"), qPrintable(run.err));
+    }
+
+    void userSeesOnlyTheApplicationsItMayUse() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.mount() + "/apps/b/shared"));
+        // bob has no line for appA: it answers exactly like an application that does not exist.
+        QMap<QString, QString> environment = s.environment();
+        const QString bob = s.dir.path() + "/bob.secret";
+        QVERIFY(writeFileWithMode(bob, "battery staple\n", kOwnerOnly));
+        const Run forbidden =
+            runVesk({"ls", "--secret-file", bob, userUrl("bob", server.port(), "appA")}, 60000,
+                    environment);
+        QCOMPARE(forbidden.code, 1);
+        QCOMPARE(forbidden.err, QString("vesk: server refused: unknown application 'appA'\n"));
+        const Run missing =
+            runVesk({"ls", "--secret-file", bob, userUrl("bob", server.port(), "appC")}, 60000,
+                    environment);
+        QCOMPARE(missing.err, QString("vesk: server refused: unknown application 'appC'\n"));
+        const Run allowed =
+            runVesk({"ls", "--secret-file", bob, userUrl("bob", server.port(), "appB")}, 60000,
+                    environment);
+        QVERIFY2(allowed.code == 0, qPrintable(allowed.err));
+        QCOMPARE(allowed.out, QString("/shared/\n"));
+        // alice reaches appB too, read-only: its table holds both of hers.
+        const Run readOnly =
+            runVesk({"ls", "--secret-file", s.alice(), userUrl("alice", server.port(), "appB")},
+                    60000, environment);
+        QVERIFY2(readOnly.code == 0, qPrintable(readOnly.err));
+        QCOMPARE(readOnly.out, QString("/shared/\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void applicationWithoutAnAccessLineIsOpenToNobody() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), {"--secrets", s.secrets()});
+        QVERIFY(server.start());
+        const Run run = runVesk(
+            {"mkdir", "--secret-file", s.alice(), userUrl("alice", server.port(), "appA/d")}, 60000,
+            s.environment());
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.err, QString("vesk: server refused: unknown application 'appA'\n"));
+        QVERIFY(!QFileInfo::exists(s.appA() + "/d"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void accessLinesComeFromTheConfigFileToo() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        const QString config = s.dir.path() + "/vesk.conf";
+        QFile file(config);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("secrets = secrets\n[access]\nappA = alice:rw, bob:ro\n");
+        file.close();
+        ServeProcess server(s.mount(), {"--config", config});
+        QVERIFY(server.start());
+        const Run run = runVesk(
+            {"mkdir", "--secret-file", s.alice(), userUrl("alice", server.port(), "appA/d")}, 60000,
+            s.environment());
+        QVERIFY2(run.code == 0, qPrintable(run.err));
+        QVERIFY(QFileInfo(s.appA() + "/d").isDir());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void anonymousServerOnlyOnLoopbackUnlessAskedFor() {
+        Scratch s;
+        // A documentation address (RFC 5737): the check comes before any socket is opened.
+        const QStringList args{"serve",   "--listen", "192.0.2.1:0", "--mount",
+                               s.mount(), "--app",    "appA=apps/a"};
+        const Run refused = runVesk(args);
+        QCOMPARE(refused.code, 2);
+        QVERIFY2(refused.err.contains("without --secrets would let anyone"),
+                 qPrintable(refused.err));
+        // With --anonymous it goes on, warns, and here fails only because it cannot bind.
+        const Run warned = runVesk(args + QStringList{"--anonymous"});
+        QVERIFY2(warned.err.contains("vesk: warning: serving anonymously on 192.0.2.1"),
+                 qPrintable(warned.err));
+        QVERIFY(!warned.err.contains("without --secrets would let anyone"));
+    }
+
+    void addressWithTooManyFailuresIsRefusedForAMinute() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        for (int i = 0; i < 10; ++i) {
+            const Run run =
+                runVesk({"ls", "--secret-file", s.wrong(), userUrl("alice", server.port(), "appA")},
+                        60000, s.environment());
+            QCOMPARE(run.code, 1);
+            QVERIFY2(run.err.contains("authentication failed"), qPrintable(run.err));
+        }
+        // Now even the right secret is turned away, before any proof is looked at.
+        const Run blocked =
+            runVesk({"ls", "--secret-file", s.alice(), userUrl("alice", server.port(), "appA")},
+                    60000, s.environment());
+        QCOMPARE(blocked.code, 1);
+        QCOMPARE(blocked.err, QString("vesk: server refused: too many failed authentications "
+                                      "from this address; try again in a minute\n"));
+        RawHello hello(server.port(), "2.0.0");
+        QVERIFY(hello.answered);
+        QCOMPARE(hello.answer.value("errorType"), QString("TooManyFailures"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void tricklingHelloIsCutAtTheDeadline() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--hello-timeout", "2", "--max-connections", "1"});
+        QVERIFY(server.start());
+        VESK::net::Socket socket(VESK::net::connectTo("127.0.0.1", server.port()));
+        QVERIFY(socket.valid());
+        const VESK::ParamMap hello{{"protocol", "VESK"}, {"version", "2.0.0"}};
+        const QByteArray frame =
+            VESK::wire::encodeFrame(1, VESK::VeskBase::serializeParam(hello).toUtf8());
+        // One byte every 300 ms would take the whole frame about 15 s: each byte is progress,
+        // but the hello as a whole is late.
+        int sent = 0;
+        while (sent < frame.size() &&
+               VESK::wire::sendAll(socket.get(), frame.constData() + sent, 1)) {
+            ++sent;
+            QThread::msleep(300);
+        }
+        QVERIFY2(sent < frame.size(), "the server waited for the whole trickled hello");
+        // The server's note on the peer comes in its own time; the hello's cut is already sure.
+        QString notes;
+        for (int i = 0; i < 100 && !notes.contains("sent no hello"); ++i) {
+            server.waitForLine(QRegularExpression("^$"), 50);
+            notes += server.stderrText();
+        }
+        QVERIFY2(notes.contains("sent no hello (receive failed: time limit reached)"),
+                 qPrintable(notes));
+        // The only place is free again for an honest client.
+        QCOMPARE(runVesk({"mkdir", server.url("appA/after")}).code, 0);
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void connectionsPerAddressAreBounded() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-per-address", "2"});
+        QVERIFY(server.start());
+        auto first = std::make_unique<RawHello>(server.port(), "2.0.0");
+        auto second = std::make_unique<RawHello>(server.port(), "2.0.0");
+        QCOMPARE(first->answer.value("accepted"), QString("true"));
+        QCOMPARE(second->answer.value("accepted"), QString("true"));
+        const Run run = runVesk({"ls", server.url("appA")});
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.err, QString("vesk: server refused: this address already has as many "
+                                  "connections as it allows; try again later\n"));
+        RawHello third(server.port(), "2.0.0");
+        QCOMPARE(third.answer.value("errorType"), QString("TooManyFromAddress"));
+        QVERIFY(third.closedByServer());
+        first.reset();
+        QVERIFY(
+            !server.waitForLine(QRegularExpression(" - - 0 bytes [0-9.]+ s failed: ")).isEmpty());
+        QCOMPARE(runVesk({"mkdir", server.url("appA/in")}).code, 0);
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void machineIsNamedByAnApplicationSpecificHashOnly() {
+        const QByteArray machineId = QByteArray::fromHex(QSysInfo::machineUniqueId());
+        if (machineId.size() != 16)
+            QSKIP("this machine has no machine id");
+        Scratch s;
+        const QString log = s.dir.path() + "/vesk.log";
+        ServeProcess server(s.mount(), {"--log", log});
+        QVERIFY(server.start());
+        const QString local = s.local() + "/m.txt";
+        QVERIFY(writePatternFile(local, 100, 4));
+        QCOMPARE(runVesk({"upload", "--quiet", local, server.url("appA")}).code, 0);
+        QCOMPARE(server.stop(), 0);
+        // HMAC-SHA256 keyed by the machine id over vesk's application id, as a version-4 UUID.
+        QByteArray id = QMessageAuthenticationCode::hash(
+                            QByteArray::fromHex("dfb1adfca05143d68c4af3bc869d269a"), machineId,
+                            QCryptographicHash::Sha256)
+                            .left(16);
+        id[6] = char((quint8(id[6]) & 0x0f) | 0x40);
+        id[8] = char((quint8(id[8]) & 0x3f) | 0x80);
+        const QString uuid = QUuid::fromRfc4122(id).toString(QUuid::WithoutBraces);
+        const QByteArray text = readAll(log);
+        QVERIFY2(text.contains(("mac: " + uuid).toLatin1()), text.constData());
+        QVERIFY(!text.toLower().contains(QSysInfo::machineUniqueId().toLower()));
     }
 };
 

@@ -20,6 +20,14 @@ QString lastUdtError() {
     return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
 }
 
+// The sentence for a header that announces more than a reader takes.
+QString overLimit(const FrameHeader& header, quint32 limit) {
+    return QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
+        .arg(header.number)
+        .arg(header.length)
+        .arg(limit);
+}
+
 // Bodies are read in pieces of this size (see recvFrame).
 constexpr int kBodyChunkBytes = 1024 * 1024;
 
@@ -65,10 +73,7 @@ bool decodeHeader(const char* bytes, FrameHeader& header, QString* error) {
     header.number = qFromBigEndian<quint32>(bytes);
     header.length = qFromBigEndian<quint32>(bytes + 4);
     if (header.length > kMaxBodyBytes) {
-        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
-                            .arg(header.number)
-                            .arg(header.length)
-                            .arg(kMaxBodyBytes));
+        setError(error, overLimit(header, kMaxBodyBytes));
         return false;
     }
     return true;
@@ -125,6 +130,58 @@ bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error) {
         left -= chunk;
     }
     return true;
+}
+
+namespace {
+
+// recvAll within what is left of `deadline`: each receive waits at most the time remaining.
+bool recvAllBefore(int socket, char* data, qint64 len, const QDeadlineTimer& deadline,
+                   QString* error) {
+    while (len > 0) {
+        const int left = int(std::min<qint64>(deadline.remainingTime(), 1 << 30));
+        if (left <= 0) {
+            setError(error, QStringLiteral("receive failed: time limit reached"));
+            return false;
+        }
+        UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &left, sizeof left);
+        const int n = UDT::recv(socket, data, int(std::min<qint64>(len, 1 << 30)), 0);
+        if (n == UDT::ERROR || n <= 0) {
+            setError(error, deadline.hasExpired()
+                                ? QStringLiteral("receive failed: time limit reached")
+                                : QStringLiteral("receive failed: %1").arg(lastUdtError()));
+            return false;
+        }
+        data += n;
+        len -= n;
+    }
+    return true;
+}
+
+bool recvFrameBeforeImpl(int socket, quint32& number, QByteArray& body,
+                         const QDeadlineTimer& deadline, quint32 maxBody, QString* error) {
+    char bytes[kHeaderBytes];
+    if (!recvAllBefore(socket, bytes, sizeof bytes, deadline, error))
+        return false;
+    FrameHeader header;
+    if (!decodeHeader(bytes, header, error))
+        return false;
+    if (header.length > maxBody) {
+        setError(error, overLimit(header, maxBody));
+        return false;
+    }
+    number = header.number;
+    body.resize(int(header.length));
+    return recvAllBefore(socket, body.data(), body.size(), deadline, error);
+}
+
+} // namespace
+
+bool recvFrameBefore(int socket, quint32& number, QByteArray& body, const QDeadlineTimer& deadline,
+                     quint32 maxBody, QString* error) {
+    const bool received = recvFrameBeforeImpl(socket, number, body, deadline, maxBody, error);
+    const int unlimited = -1;
+    UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &unlimited, sizeof unlimited);
+    return received;
 }
 
 } // namespace wire

@@ -5,6 +5,7 @@
 // The handler's send/recv and the host's own hello use the same two functions.
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QString>
 
 namespace VESK {
@@ -50,6 +51,11 @@ bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* erro
 // Reads one frame of any number. Fails on a transport error or an over-long length; the body of
 // such a frame is not read, so the connection is of no further use afterwards.
 bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error = nullptr);
+// Reads one frame that must arrive whole before `deadline` and announce at most `maxBody` bytes.
+// The time limit covers the whole frame, not each piece of it, so a peer that trickles a byte
+// now and then cannot stretch it. The socket is left without a receive time limit afterwards.
+bool recvFrameBefore(int socket, quint32& number, QByteArray& body, const QDeadlineTimer& deadline,
+                     quint32 maxBody, QString* error = nullptr);
 
 } // namespace wire
 } // namespace VESK

@@ -1,9 +1,11 @@
 #include "ClientCommands.h"
 
+#include "ClientCredentials.h"
 #include "CommandLine.h"
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
+#include "MachineId.h"
 #include "PluginLoader.h"
 #include "Progress.h"
 #include "SignalHandling.h"
@@ -17,7 +19,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSysInfo>
 
 #include <udt/udt.h>
 
@@ -25,9 +26,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <pwd.h>
 #include <thread>
-#include <unistd.h>
 
 namespace VESK {
 namespace host {
@@ -62,6 +61,11 @@ const QCommandLineOption kMaxRate("max-rate",
                                   "powers of 1024 (such as 20M; default 0: as fast as the link "
                                   "allows).",
                                   "RATE", "0");
+const QCommandLineOption kSecretFile("secret-file",
+                                     "Authenticate with the secret on the first line of FILE "
+                                     "(default: $VESK_SECRET_FILE, then ~/.config/vesk/secret); "
+                                     "the user is the URL's USER@, else the login name.",
+                                     "FILE");
 const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
 
 // One task as the user asked for it, before anything is connected.
@@ -73,6 +77,7 @@ struct ClientTask {
     QString command; // the command's name, for messages
     QString op;      // the handler's "operator"
     VeskUrl url;
+    ClientCredentials credentials;
     ParamMap params; // the operation's own parameters
     QString localPath;
     QString plugins;
@@ -96,24 +101,17 @@ struct TaskResult {
     double seconds = 0.0;
 };
 
-QString localUserName() {
-    if (const passwd* pw = ::getpwuid(::geteuid()))
-        return QString::fromLocal8Bit(pw->pw_name);
-    return qEnvironmentVariable("USER");
-}
-
-// What the server records as the client machine: the machine id, or the host name without one.
-QString machineIdentity() {
-    const QByteArray id = QSysInfo::machineUniqueId();
-    return id.isEmpty() ? QSysInfo::machineHostName() : QString::fromLatin1(id);
-}
-
 // Reads the URL (positional argument `urlIndex`) and the options every client command has;
 // -1 to go on, else the exit status.
 int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task) {
     QString error;
     if (!parseUrl(parser.positionalArguments().at(urlIndex), task.url, &error))
         return usageError(task.command, error);
+    error = findCredentials(task.url, parser.value(kSecretFile), &task.credentials);
+    if (!error.isEmpty()) {
+        printErr("vesk: " + error);
+        return kExitFailed;
+    }
     task.params.insert("rootPath", parser.value(kRoot));
     task.plugins = parser.value("plugins");
     task.quiet = parser.isSet(kQuiet);
@@ -164,7 +162,7 @@ void configure(VeskBase* handler, const ClientTask& task, int socket, qint64* to
     handler->setParam("operator", task.op);
     handler->setParam("clientSocket", QString::number(socket));
     handler->setParam("appKey", task.url.appKey);
-    handler->setParam("userName", localUserName());
+    handler->setParam("userName", task.credentials.user);
     handler->setParam("appVersion", kAppVersion);
     handler->setParam("mac", machineIdentity());
     for (auto it = task.params.constBegin(); it != task.params.constEnd(); ++it)
@@ -191,9 +189,18 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
     }
     QString protocol, version, errorType;
     splitProtocolKey(handler->getKey(), &protocol, &version);
-    switch (clientHello(socket.get(), protocol, version, &errorType, &error)) {
+    switch (clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error)) {
     case HelloResult::Accepted:
         return socket;
+    case HelloResult::SecretNeeded:
+        printErr("vesk: the server requires authentication; give --secret-file");
+        break;
+    case HelloResult::ServerUnproven:
+        printErr(
+            QString("vesk: %1:%2 is not the server that shares %3's secret: %4; nothing "
+                    "was sent")
+                .arg(task.url.host, QString::number(task.url.port), task.credentials.user, error));
+        break;
     case HelloResult::Refused:
         printErr("vesk: " + refusalSentence(errorType, task.url, task.op));
         break;
@@ -383,13 +390,14 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
     return kExitFailed;
 }
 
-const char* const kUrlForm = "vesk://HOST:PORT/APPKEY/PATH";
+const char* const kUrlForm = "vesk://[USER@]HOST:PORT/APPKEY/PATH";
 
 } // namespace
 
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kMaxRate, pluginsOption()});
+    parser.addOptions(
+        {kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kMaxRate, kSecretFile, pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
@@ -432,7 +440,8 @@ int runUpload(const QStringList& args) {
 
 int runDownload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kReplace, kQuiet, kStallTimeout, pluginsOption()});
+    parser.addOptions(
+        {kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
     parser.addPositionalArgument("URL_OF_FILE",
                                  QString("The file on the server: %1.").arg(kUrlForm));
     parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
@@ -491,7 +500,7 @@ int runDownload(const QStringList& args) {
 
 int runList(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kJson, kQuiet, kStallTimeout, pluginsOption()});
+    parser.addOptions({kRoot, kJson, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to list: %1.").arg(kUrlForm));
     const CommandHelp help{
         args.value(0, "ls"), "URL",
@@ -514,7 +523,7 @@ int runList(const QStringList& args) {
 
 int runMkdir(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kQuiet, kStallTimeout, pluginsOption()});
+    parser.addOptions({kRoot, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to create: %1.").arg(kUrlForm));
     const CommandHelp help{"mkdir", "URL",
                            "Creates a directory (and its missing parents) in an application's "

@@ -109,6 +109,14 @@ QString refusalSentence(const QString& errorType, const VeskUrl& url, const QStr
     if (errorType == QLatin1String(kTooManyConnections))
         return QString("server refused: it is serving as many connections as it allows; try "
                        "again later");
+    if (errorType == QLatin1String(kTooManyFromAddress))
+        return QString("server refused: this address already has as many connections as it "
+                       "allows; try again later");
+    if (errorType == QLatin1String(kTooManyFailures))
+        return QString("server refused: too many failed authentications from this address; "
+                       "try again in a minute");
+    if (errorType == QLatin1String(kAuthenticationFailed))
+        return QString("authentication failed: check the user name in the URL and the secret");
     if (errorType == QLatin1String(kUnsupportedProtocol) ||
         errorType == QLatin1String(kUnsupportedVersion))
         return QString("server refused: it does not speak this client's protocol version");

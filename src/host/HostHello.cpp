@@ -1,6 +1,6 @@
 #include "HostHello.h"
 
-#include "base/Net.h"
+#include "Auth.h"
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
@@ -8,25 +8,28 @@ namespace VESK {
 namespace host {
 
 const char* const kTooManyConnections = "TooManyConnections";
+const char* const kTooManyFromAddress = "TooManyFromAddress";
+const char* const kTooManyFailures = "TooManyFailures";
+const char* const kAuthenticationFailed = "AuthenticationFailed";
 const char* const kUnsupportedProtocol = "UnsupportedProtocol";
 const char* const kUnsupportedVersion = "UnsupportedVersion";
 const char* const kServerStopping = "ServerStopping";
 
 namespace {
 
+const QLatin1String kChallenge("challenge");
+const QLatin1String kMethod("hmac-sha256");
+
 bool sendMap(int socket, quint32 number, const ParamMap& map, QString* error) {
     return wire::sendFrame(socket, number, VeskBase::serializeParam(map).toUtf8(), error);
 }
 
-// Reads message `expected` within the hello time limit and parses it as a parameter map.
-bool recvMap(int socket, quint32 expected, ParamMap& map, QString* error) {
-    net::setReceiveTimeout(socket, kHelloTimeoutMs);
+// Reads message `expected` before `deadline` and parses it as a parameter map.
+bool recvMap(int socket, quint32 expected, const QDeadlineTimer& deadline, ParamMap& map,
+             QString* error) {
     quint32 number = 0;
     QByteArray body;
-    const bool received = wire::recvFrame(socket, number, body, error);
-    // The handler's own messages may legitimately wait much longer than a hello.
-    net::setReceiveTimeout(socket, -1);
-    if (!received)
+    if (!wire::recvFrameBefore(socket, number, body, deadline, kMaxHelloBytes, error))
         return false;
     if (number != expected) {
         if (error)
@@ -38,6 +41,59 @@ bool recvMap(int socket, quint32 expected, ParamMap& map, QString* error) {
     return true;
 }
 
+QString hex(const QByteArray& bytes) {
+    return QString::fromLatin1(bytes.toHex());
+}
+
+// Hex text of exactly `bytes` bytes, or empty.
+QByteArray fromHex(const QString& text, int bytes) {
+    const QByteArray value = QByteArray::fromHex(text.toLatin1());
+    return value.size() == bytes && hex(value) == text.toLower() ? value : QByteArray();
+}
+
+HelloResult answerChallenge(int socket, const ParamMap& challenge, const QString& protocol,
+                            const QString& version, const ClientCredentials& credentials,
+                            const QDeadlineTimer& deadline, QString* errorType, QString* error) {
+    if (credentials.secret.isEmpty())
+        return HelloResult::SecretNeeded;
+    const QByteArray serverNonce = fromHex(challenge.value("nonce"), kNonceBytes);
+    if (challenge.value("method") != kMethod || serverNonce.isEmpty()) {
+        if (error)
+            *error = QString("it asks for an unknown kind of authentication");
+        return HelloResult::Failed;
+    }
+    const QByteArray clientNonce = randomBytes(kNonceBytes);
+    if (clientNonce.isEmpty()) {
+        if (error)
+            *error = QString("no random numbers from the operating system");
+        return HelloResult::Failed;
+    }
+    const auto proof = [&](ProofRole role) {
+        return helloProof(role, credentials.secret, serverNonce, clientNonce, credentials.user,
+                          protocol, version);
+    };
+    const ParamMap response{{"user", credentials.user},
+                            {"nonce", hex(clientNonce)},
+                            {"proof", hex(proof(ProofRole::Client))}};
+    if (!sendMap(socket, kAuthResponseMessage, response, error))
+        return HelloResult::Failed;
+    ParamMap outcome;
+    if (!recvMap(socket, kAuthOutcomeMessage, deadline, outcome, error))
+        return HelloResult::Failed;
+    if (outcome.value("accepted") != QLatin1String("true")) {
+        if (errorType)
+            *errorType = outcome.value("errorType");
+        return HelloResult::Refused;
+    }
+    const QByteArray serverProof = fromHex(outcome.value("proof"), 32);
+    if (!sameBytes(serverProof, proof(ProofRole::Server))) {
+        if (error)
+            *error = QString("its proof of the secret is wrong");
+        return HelloResult::ServerUnproven;
+    }
+    return HelloResult::Accepted;
+}
+
 } // namespace
 
 void splitProtocolKey(const QString& key, QString* protocol, QString* version) {
@@ -47,23 +103,35 @@ void splitProtocolKey(const QString& key, QString* protocol, QString* version) {
 }
 
 HelloResult clientHello(int socket, const QString& protocol, const QString& version,
-                        QString* errorType, QString* error) {
+                        const ClientCredentials& credentials, QString* errorType, QString* error) {
     const ParamMap hello{{"protocol", protocol}, {"version", version}};
     if (!sendMap(socket, kHelloMessage, hello, error))
         return HelloResult::Failed;
+    const QDeadlineTimer deadline(kHelloTimeoutMs);
     ParamMap answer;
-    if (!recvMap(socket, kHelloAnswerMessage, answer, error))
+    if (!recvMap(socket, kHelloAnswerMessage, deadline, answer, error))
         return HelloResult::Failed;
-    if (answer.value("accepted") == QLatin1String("true"))
+    const QString accepted = answer.value("accepted");
+    if (accepted == kChallenge)
+        return answerChallenge(socket, answer, protocol, version, credentials, deadline, errorType,
+                               error);
+    if (accepted == QLatin1String("true")) {
+        if (credentials.mustProve) {
+            if (error)
+                *error = QString("it accepted without proving that it knows the secret");
+            return HelloResult::ServerUnproven;
+        }
         return HelloResult::Accepted;
+    }
     if (errorType)
         *errorType = answer.value("errorType");
     return HelloResult::Refused;
 }
 
-bool readHello(int socket, QString* protocol, QString* version, QString* error) {
+bool readHello(int socket, const QDeadlineTimer& deadline, QString* protocol, QString* version,
+               QString* error) {
     ParamMap hello;
-    if (!recvMap(socket, kHelloMessage, hello, error))
+    if (!recvMap(socket, kHelloMessage, deadline, hello, error))
         return false;
     *protocol = hello.value("protocol");
     *version = hello.value("version");
@@ -75,6 +143,45 @@ bool answerHello(int socket, const QString& errorType, QString* error) {
     if (!errorType.isEmpty())
         answer.insert("errorType", errorType);
     return sendMap(socket, kHelloAnswerMessage, answer, error);
+}
+
+AuthResult authenticateClient(int socket, const QDeadlineTimer& deadline,
+                              const QMap<QString, QByteArray>& secrets, const QString& protocol,
+                              const QString& version, QString* user, QString* error) {
+    const QByteArray serverNonce = randomBytes(kNonceBytes);
+    if (serverNonce.isEmpty()) {
+        if (error)
+            *error = QString("no random numbers from the operating system");
+        return AuthResult::Failed;
+    }
+    const ParamMap challenge{
+        {"accepted", kChallenge}, {"method", kMethod}, {"nonce", hex(serverNonce)}};
+    ParamMap response;
+    if (!sendMap(socket, kHelloAnswerMessage, challenge, error) ||
+        !recvMap(socket, kAuthResponseMessage, deadline, response, error))
+        return AuthResult::Failed;
+    *user = response.value("user");
+    const QByteArray clientNonce = fromHex(response.value("nonce"), kNonceBytes);
+    const QByteArray clientProof = fromHex(response.value("proof"), 32);
+
+    // An unknown user is checked against a secret nobody holds, so that its answer takes the
+    // same work as a wrong secret's.
+    static const QByteArray nobodysSecret = randomBytes(kNonceBytes);
+    const auto known = secrets.constFind(*user);
+    const QByteArray& secret = known != secrets.constEnd() ? *known : nobodysSecret;
+    const auto proof = [&](ProofRole role) {
+        return helloProof(role, secret, serverNonce, clientNonce, *user, protocol, version);
+    };
+    const bool proven = sameBytes(clientProof, proof(ProofRole::Client)) &&
+                        known != secrets.constEnd() && !clientNonce.isEmpty();
+    ParamMap outcome{{"accepted", proven ? "true" : "false"}};
+    if (proven)
+        outcome.insert("proof", hex(proof(ProofRole::Server)));
+    else
+        outcome.insert("errorType", kAuthenticationFailed);
+    if (!sendMap(socket, kAuthOutcomeMessage, outcome, error))
+        return AuthResult::Failed;
+    return proven ? AuthResult::Authenticated : AuthResult::Rejected;
 }
 
 } // namespace host

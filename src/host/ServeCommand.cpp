@@ -1,5 +1,7 @@
 #include "ServeCommand.h"
 
+#include "Access.h"
+#include "Auth.h"
 #include "CommandLine.h"
 #include "Console.h"
 #include "PluginLoader.h"
@@ -21,14 +23,17 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen",  "mount",           "file-mode", "dir-mode",     "log",
-                            "plugins", "max-connections", "max-rate",  "stall-timeout"};
+const QStringList kSettings{"listen",        "mount",   "file-mode",       "dir-mode",
+                            "log",           "plugins", "max-connections", "max-rate",
+                            "stall-timeout", "secrets", "anonymous",       "max-per-address",
+                            "hello-timeout"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
-const QStringList kPathSettings{"mount", "log", "plugins"};
+const QStringList kPathSettings{"mount", "log", "plugins", "secrets"};
 
 struct RawOptions {
-    QMap<QString, QString> values;       // setting -> text
-    QList<QPair<QString, QString>> apps; // KEY, DIR as written
+    QMap<QString, QString> values;         // setting -> text
+    QList<QPair<QString, QString>> apps;   // KEY, DIR as written
+    QList<QPair<QString, QString>> access; // APP, USER:RIGHT,... as written
 };
 
 QString settingText(const QVariant& value) {
@@ -53,12 +58,16 @@ QString readConfigFile(const QString& path, RawOptions& raw) {
         raw.values[key] = text;
     }
     for (const QString& group : settings.childGroups()) {
-        if (group != QLatin1String("apps"))
+        if (group != QLatin1String("apps") && group != QLatin1String("access"))
             return QString("unknown section [%1] in %2").arg(group, path);
     }
     settings.beginGroup("apps");
     for (const QString& key : settings.childKeys())
         raw.apps.append({key, settingText(settings.value(key))});
+    settings.endGroup();
+    settings.beginGroup("access");
+    for (const QString& key : settings.childKeys())
+        raw.access.append({key, settingText(settings.value(key))});
     settings.endGroup();
     return QString();
 }
@@ -95,6 +104,42 @@ QString appDirUnderMount(const QString& mount, const QString& dir, QString* erro
 bool isOctalMode(const QString& text) {
     static const QRegularExpression octal("^[0-7]{1,4}$");
     return text.isEmpty() || octal.match(text).hasMatch();
+}
+
+bool isLoopbackHost(const QString& host) {
+    return host.startsWith(QLatin1String("127.")) || host == QLatin1String("localhost");
+}
+
+// Who may connect: the secrets file, the access lines, or an anonymous server, which only a
+// loopback address gets without asking. "" on success, else the problem.
+QString buildAccess(const RawOptions& raw, ServeConfig& config) {
+    const QString secrets = raw.values.value("secrets");
+    config.authenticate = !secrets.isEmpty();
+    if (config.authenticate) {
+        const QString problem =
+            readSecretsFile(QFileInfo(secrets).absoluteFilePath(), &config.secrets);
+        if (!problem.isEmpty())
+            return problem;
+    }
+    for (const auto& line : raw.access) {
+        if (config.appDirectory(line.first).isEmpty())
+            return QString("access for '%1', which is no application (give it with --app)")
+                .arg(line.first);
+        const QString problem = addAccessLine(line.first, line.second, config.access);
+        if (!problem.isEmpty())
+            return problem;
+    }
+    if (!config.authenticate && !config.access.isEmpty())
+        return QString("--access needs --secrets: without it every peer is anonymous");
+    const QString anonymous = raw.values.value("anonymous", "false");
+    if (anonymous != QLatin1String("true") && anonymous != QLatin1String("false"))
+        return QString("anonymous takes true or false");
+    if (!config.authenticate && !isLoopbackHost(config.host) && anonymous != QLatin1String("true"))
+        return QString("listening on %1 without --secrets would let anyone who reaches it read "
+                       "and write every application; give --secrets FILE, or --anonymous if "
+                       "that is really meant")
+            .arg(config.host);
+    return QString();
 }
 
 // Checks the merged options and fills `config`; "" on success, else the problem.
@@ -142,6 +187,17 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
         raw.values.value("stall-timeout", QString::number(kDefaultStallTimeoutSeconds)).toInt(&ok);
     if (!ok || config.stallTimeout < 0)
         return QString("--stall-timeout takes a number of seconds (0: no limit)");
+
+    config.maxPerAddress = raw.values.value("max-per-address", "8").toInt(&ok);
+    if (!ok || config.maxPerAddress < 1)
+        return QString("--max-per-address takes a number of at least 1");
+    const int helloTimeout = raw.values.value("hello-timeout", "10").toInt(&ok);
+    if (!ok || helloTimeout < 1 || helloTimeout > 3600)
+        return QString("--hello-timeout takes a number of seconds from 1 to 3600");
+    config.helloTimeoutMs = helloTimeout * 1000;
+
+    if (const QString problem = buildAccess(raw, config); !problem.isEmpty())
+        return problem;
 
     if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
         return QString("--max-rate takes bytes per second, such as 500K or 20M");
@@ -197,9 +253,26 @@ int runServe(const QStringList& args) {
          "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
          "file stays for a resume (default 120, 0: no limit).",
          "SECONDS"},
+        {"secrets",
+         "Authenticate users with the secrets in FILE (lines USER:SECRET; readable by its owner "
+         "only). Without it the server is anonymous.",
+         "FILE"},
+        {"access",
+         "Who may use an application when authenticating: rw reads and writes, ro only "
+         "downloads and lists. Repeat for more applications; one without a line is open to "
+         "nobody.",
+         "APP=USER:rw[,USER:ro...]"},
+        {"anonymous",
+         "Serve without authentication on an address other than loopback: anyone who reaches "
+         "it may read and write every application."},
+        {"max-per-address",
+         "Connections from one address at once; one more is refused at the hello (default 8).",
+         "N"},
+        {"hello-timeout",
+         "Time a peer has for its whole hello, authentication included (default 10).", "SECONDS"},
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
-         "group); the command line wins.",
+         "group, access lines in an [access] group); the command line wins.",
          "FILE"},
         pluginsOption(),
     });
@@ -209,7 +282,8 @@ int runServe(const QStringList& args) {
         "summary line per task goes to stdout. SIGINT or SIGTERM stops it: running transfers "
         "are paused (their partial files stay, so clients can resume) and it exits with 0.",
         "  vesk serve --listen 0.0.0.0:9000 --mount /srv/vesk --app appA=apps/a "
-        "--file-mode 644 --dir-mode 755"};
+        "--secrets /etc/vesk/secrets --access appA=alice:rw,bob:ro\n"
+        "  vesk serve --mount /tmp/share --app appA=apps/a      (anonymous, on 127.0.0.1)"};
     const int parsed = parseCommand(parser, args, help, 0, 0);
     if (parsed >= 0)
         return parsed;
@@ -221,8 +295,19 @@ int runServe(const QStringList& args) {
             return usageError("serve", error);
     }
     for (const QString& key : kSettings) {
-        if (parser.isSet(key))
+        if (key == QLatin1String("anonymous")) {
+            if (parser.isSet(key))
+                raw.values[key] = QStringLiteral("true");
+        } else if (parser.isSet(key)) {
             raw.values[key] = parser.value(key);
+        }
+    }
+    for (const QString& line : parser.values("access")) {
+        const int equals = line.indexOf('=');
+        if (equals <= 0)
+            return usageError(
+                "serve", QString("--access takes APP=USER:rw[,USER:ro...], not '%1'").arg(line));
+        raw.access.append({line.left(equals), line.mid(equals + 1)});
     }
     for (const QString& app : parser.values("app")) {
         const int equals = app.indexOf('=');
@@ -243,6 +328,10 @@ int runServe(const QStringList& args) {
         printErr("vesk: " + loadError);
         return kExitFailed;
     }
+    if (!config.authenticate && !isLoopbackHost(config.host))
+        printErr(QString("vesk: warning: serving anonymously on %1: anyone who reaches it may "
+                         "read and write every application")
+                     .arg(config.host));
     Server server(config, loader);
     setInterruptReaction([&server](int, int) { server.stop(); });
     const int status = server.run();

@@ -67,9 +67,18 @@ qint64 paramNumber(VeskBase* handler, const QString& key) {
 // ---- ServeConfig ------------------------------------------------------------------------------
 
 QString ServeConfig::appTable() const {
-    QStringList entries;
+    QStringList keys;
     for (const AppEntry& app : apps)
-        entries << app.key + ':' + app.dir;
+        keys << app.key;
+    return appTable(keys);
+}
+
+QString ServeConfig::appTable(const QStringList& keys) const {
+    QStringList entries;
+    for (const AppEntry& app : apps) {
+        if (keys.contains(app.key))
+            entries << app.key + ':' + app.dir;
+    }
     return entries.join('%');
 }
 
@@ -149,9 +158,12 @@ int Server::run() {
     QStringList apps;
     for (const AppEntry& app : m_config.apps)
         apps << QString("%1 -> %2").arg(app.key, m_config.appDirectory(app.key));
-    printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
+    printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections, %6")
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
-                      QString::number(m_config.maxConnections)));
+                      QString::number(m_config.maxConnections),
+                      m_config.authenticate
+                          ? QString("%1 user(s) authenticated").arg(m_config.secrets.size())
+                          : QString("anonymous")));
 
     std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
@@ -176,22 +188,29 @@ int Server::run() {
             QThread::msleep(100);
             continue;
         }
-        m_slotFreed.wait(lock, [this] {
-            return m_stopping || int(m_connections.size()) < m_config.maxConnections ||
+        const QString address = peer.left(peer.lastIndexOf(':'));
+        const QString addressReason = addressRefusal(address);
+        m_slotFreed.wait(lock, [&] {
+            return m_stopping ||
+                   (addressReason.isEmpty() &&
+                    int(m_connections.size()) < m_config.maxConnections) ||
                    m_refusing < kMaxRefusing;
         });
         if (m_stopping) {
             UDT::close(socket);
             break;
         }
-        if (int(m_connections.size()) < m_config.maxConnections) {
+        if (addressReason.isEmpty() && int(m_connections.size()) < m_config.maxConnections) {
             const quint64 id = m_nextId++;
             m_connections[id].socket = socket;
+            m_connections[id].address = address;
+            ++m_perAddress[address];
             m_threads.start([this, id, socket, peer] { serveConnection(id, socket, peer); });
         } else if (m_refusing < kMaxRefusing) {
             ++m_refusing;
-            m_threads.start([this, socket, peer] {
-                refuseConnection(socket, peer, kTooManyConnections);
+            const QString reason = addressReason.isEmpty() ? kTooManyConnections : addressReason;
+            m_threads.start([this, socket, peer, reason] {
+                refuseConnection(socket, peer, reason);
                 std::lock_guard<std::mutex> done(m_mutex);
                 --m_refusing;
                 m_slotFreed.notify_all();
@@ -245,7 +264,9 @@ QString Server::helloRefusal(const QString& protocol, const QString& version) co
 void Server::refuseConnection(int socket, const QString& peer, const QString& reason) {
     QString protocol, version, error;
     // The client's hello is read first so that the refusal is the answer it waits for.
-    if (readHello(socket, &protocol, &version, &error) && answerHello(socket, reason, &error))
+    const QDeadlineTimer deadline(m_config.helloTimeoutMs);
+    if (readHello(socket, deadline, &protocol, &version, &error) &&
+        answerHello(socket, reason, &error))
         printOut(QString("%1 - - 0 bytes 0.00 s refused: %2").arg(peer, reason));
     net::drainAndClose(socket);
 }
@@ -259,8 +280,11 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
         finishConnection(id);
         return;
     }
+    // The whole hello has one time limit, so a peer that trickles its bytes cannot hold the
+    // connection's place for longer than a silent one.
+    const QDeadlineTimer deadline(m_config.helloTimeoutMs);
     QString protocol, version, error;
-    if (!readHello(socket, &protocol, &version, &error)) {
+    if (!readHello(socket, deadline, &protocol, &version, &error)) {
         printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
         // Closed at once, right after the peer's last packet, the peer would often not learn of
         // the close and would wait for UDT's keep-alive to give up, most of a minute.
@@ -278,20 +302,21 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
         if (answerHello(socket, refusal, &error))
             printOut(QString("%1 - - 0 bytes 0.00 s refused: %2").arg(peer, refusal));
         net::drainAndClose(socket);
-    } else if (!answerHello(socket, QString(), &error)) {
-        printErr(QString("vesk: %1: cannot answer the hello (%2)").arg(peer, error));
-        UDT::close(socket);
     } else {
-        runTask(id, socket, peer);
+        TaskPolicy policy;
+        if (admitPeer(socket, peer, deadline, protocol, version, &policy))
+            runTask(id, socket, peer, policy);
     }
     finishConnection(id);
 }
 
-void Server::configureHandler(VeskBase* handler, int socket, const QString& peer) const {
+void Server::configureHandler(VeskBase* handler, int socket, const QString& peer,
+                              const TaskPolicy& policy) const {
     handler->setParam("endPoint", "server");
     handler->setParam("serverSocket", QString::number(socket));
     handler->setParam("mountPath", m_config.mount);
-    handler->setParam("appPath", m_config.appTable());
+    // Only the applications this peer may reach: any other is as unknown as a missing one.
+    handler->setParam("appPath", m_config.appTable(policy.apps));
     handler->setParam("fileMod", m_config.fileMode);
     handler->setParam("dirMod", m_config.dirMode);
     handler->setParam("logFile", m_config.logFile);
@@ -300,9 +325,9 @@ void Server::configureHandler(VeskBase* handler, int socket, const QString& peer
     handler->setParam("clientPort", peer.mid(colon + 1));
 }
 
-void Server::runTask(quint64 id, int socket, const QString& peer) {
+void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPolicy& policy) {
     PluginLoader::Handler handler = m_loader.create();
-    configureHandler(handler.get(), socket, peer);
+    configureHandler(handler.get(), socket, peer, policy);
     TaskLog log(handler.get());
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -407,7 +432,13 @@ void Server::watchForStalls() {
 
 void Server::finishConnection(quint64 id) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_connections.erase(id);
+    const auto connection = m_connections.find(id);
+    if (connection != m_connections.end()) {
+        const auto count = m_perAddress.find(connection->second.address);
+        if (count != m_perAddress.end() && --count->second <= 0)
+            m_perAddress.erase(count);
+        m_connections.erase(connection);
+    }
     m_slotFreed.notify_all();
 }
 

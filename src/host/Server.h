@@ -3,9 +3,13 @@
 // The server side of vesk: a UDT listener, one thread per connection (bounded), the host hello,
 // then one handler from the plug-in per connection, and a summary line per task.
 
+#include "Access.h"
+#include "Auth.h"
 #include "PluginLoader.h"
 #include "StallWatch.h"
+#include "TaskPolicy.h"
 
+#include <QDeadlineTimer>
 #include <QList>
 #include <QString>
 
@@ -34,12 +38,19 @@ struct ServeConfig {
     QString dirMode;
     QString logFile;
     int maxConnections = 64;
+    int maxPerAddress = 8;             // connections from one address at once
+    int helloTimeoutMs = 10000;        // the whole host hello, authentication included
+    bool authenticate = false;         // users prove a secret in the hello (--secrets)
+    QMap<QString, QByteArray> secrets; // user -> secret
+    AccessRules access;                // who may use which application when authenticating
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
     QString appTable() const;
+    // The same table with only the applications in `keys`.
+    QString appTable(const QStringList& keys) const;
     // The application's directory on disk, or "" for an unknown key.
     QString appDirectory(const QString& key) const;
 };
@@ -73,6 +84,7 @@ public:
 private:
     struct Connection {
         int socket = -1;
+        QString address;                   // the peer's address, without its port
         VeskBase* handler = nullptr;       // set while process() runs
         std::shared_ptr<StallWatch> watch; // likewise
         bool stalled = false;              // the watch paused the task
@@ -80,8 +92,15 @@ private:
 
     void serveConnection(quint64 id, int socket, const QString& peer);
     void refuseConnection(int socket, const QString& peer, const QString& reason);
-    void runTask(quint64 id, int socket, const QString& peer);
-    void configureHandler(VeskBase* handler, int socket, const QString& peer) const;
+    // After the hello: authenticates the peer when the server asks for it, answers, and
+    // gives what the peer may do. False when the connection ends here.
+    bool admitPeer(int socket, const QString& peer, const QDeadlineTimer& deadline,
+                   const QString& protocol, const QString& version, TaskPolicy* policy);
+    // Why a new connection from `address` is refused before its hello, or "".
+    QString addressRefusal(const QString& address);
+    void runTask(quint64 id, int socket, const QString& peer, const TaskPolicy& policy);
+    void configureHandler(VeskBase* handler, int socket, const QString& peer,
+                          const TaskPolicy& policy) const;
     QString helloRefusal(const QString& protocol, const QString& version) const;
     QString taskPath(VeskBase* handler) const;
     void finishConnection(quint64 id);
@@ -101,6 +120,8 @@ private:
     quint64 m_nextId = 0;
     std::map<quint64, Connection> m_connections;
     int m_refusing = 0;
+    std::map<QString, int> m_perAddress; // served connections per peer address
+    FailureLimiter m_failures;           // failed authentications per address
     ThreadSet m_threads;
     std::condition_variable m_stopped;   // wakes watchForStalls() at once on stop()
     std::condition_variable m_slotFreed; // a connection or a refusal ended, or stop()

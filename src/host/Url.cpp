@@ -17,7 +17,8 @@ void setError(QString* error, const QString& text) {
 } // namespace
 
 QString VeskUrl::toString() const {
-    return QString("vesk://%1:%2/%3%4").arg(host, QString::number(port), appKey, path);
+    return QString("vesk://%1%2:%3/%4%5")
+        .arg(user.isEmpty() ? QString() : user + '@', host, QString::number(port), appKey, path);
 }
 
 QString VeskUrl::fileName() const {
@@ -52,12 +53,22 @@ bool parseHostPort(const QString& text, QString& host, quint16& port, bool allow
 
 bool parseUrl(const QString& text, VeskUrl& url, QString* error) {
     if (!text.startsWith(kScheme)) {
-        setError(error, QString("'%1' is not a vesk URL (vesk://HOST:PORT/APPKEY/PATH)").arg(text));
+        setError(error,
+                 QString("'%1' is not a vesk URL (vesk://[USER@]HOST:PORT/APPKEY/PATH)").arg(text));
         return false;
     }
     const QString rest = text.mid(kScheme.size());
     const int slash = rest.indexOf('/');
-    const QString authority = slash < 0 ? rest : rest.left(slash);
+    QString authority = slash < 0 ? rest : rest.left(slash);
+    const int at = authority.lastIndexOf('@');
+    if (at >= 0) {
+        url.user = authority.left(at);
+        authority = authority.mid(at + 1);
+        if (url.user.isEmpty()) {
+            setError(error, QString("'%1' names an empty user before '@'").arg(text));
+            return false;
+        }
+    }
     if (!parseHostPort(authority, url.host, url.port, false, error))
         return false;
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// vesk://HOST:PORT/APPKEY/PATH: the server, the application and the place inside its directory.
+// vesk://[USER@]HOST:PORT/APPKEY/PATH: who connects, the server, the application and the place
+// inside its directory.
 
 #include <QString>
 
@@ -10,6 +11,7 @@ namespace host {
 constexpr quint16 kDefaultPort = 9000;
 
 struct VeskUrl {
+    QString user; // "" when the URL names none
     QString host;
     quint16 port = kDefaultPort;
     QString appKey;

@@ -21,7 +21,7 @@ using namespace VESK::host;
 const char* const kOverview =
     "Usage: vesk COMMAND [options] [arguments]\n"
     "\n"
-    "vesk moves files over UDT. URLs have the form vesk://HOST:PORT/APPKEY/PATH.\n"
+    "vesk moves files over UDT. URLs have the form vesk://[USER@]HOST:PORT/APPKEY/PATH.\n"
     "\n"
     "Commands:\n"
     "  serve      serve applications' directories to clients\n"

@@ -12,6 +12,14 @@
 //                 stall timeout
 //   kill-when     --file F --bytes N (--pid PID | -- COMMAND ARGS...) [--timeout S]
 //                 SIGKILL once F holds N bytes; exit 0 when killed, 3 when it ended first
+//   trickle       --port P --count N [--interval MS] [--hold S]
+//                 N connections that each send their hello one byte per MS; exit 0 when the
+//                 server cut every one of them before its hello was complete
+//   idle          --port P --count N --hold S
+//                 N connections that send nothing at all, held for S seconds
+//   probe         --port P --user U --count N
+//                 a peer without the secret: tasks sent past the challenge for several
+//                 application keys, then N guesses of U's secret; prints every answer
 
 #include "base/Net.h"
 #include "base/VeskBase.h"
@@ -27,11 +35,13 @@
 
 #include <udt/udt.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -731,6 +741,131 @@ int runKillWhen(const Options& options, const QStringList& command) {
     return 3;
 }
 
+// ---- Admission --------------------------------------------------------------------------------
+
+// Connections that trickle their hello: every one sends its next byte each `interval` ms, which
+// is progress for any per-read time limit, but the hello as a whole arrives far too late.
+int runTrickle(const Options& options) {
+    const quint16 port = quint16(options.number("port", 0));
+    const int count = int(options.number("count", 8));
+    const int intervalMs = int(options.number("interval", 500));
+    const int holdMs = int(options.number("hold", 40)) * 1000;
+    const QByteArray frame = wire::encodeFrame(
+        kHello, VeskBase::serializeParam({{"protocol", "VESK"}, {"version", "2.0.0"}}).toUtf8());
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int i = 0; i < count; ++i)
+        peers.push_back(std::make_unique<Peer>(port));
+    std::vector<int> sent(size_t(count), 0);
+    std::vector<bool> cut(size_t(count), false);
+    QElapsedTimer clock;
+    clock.start();
+    double lastCut = 0;
+    int open = count, completed = 0;
+    while (open > 0 && clock.elapsed() < holdMs) {
+        for (int i = 0; i < count; ++i) {
+            Peer& peer = *peers[size_t(i)];
+            if (cut[size_t(i)] || sent[size_t(i)] == frame.size())
+                continue;
+            if (!peer.connected() || UDT::getsockstate(peer.socket()) != CONNECTED ||
+                !peer.sendRaw(frame.mid(sent[size_t(i)], 1))) {
+                cut[size_t(i)] = true;
+                lastCut = clock.elapsed() / 1000.0;
+                --open;
+                continue;
+            }
+            if (++sent[size_t(i)] == frame.size()) {
+                ++completed;
+                --open;
+            }
+        }
+        QThread::msleep(quint32(intervalMs));
+    }
+    const int cutCount = int(std::count(cut.begin(), cut.end(), true));
+    std::printf("trickle: %d connections sending one byte every %d ms; the server cut %d before "
+                "their %d-byte hello was complete (the last after %.1f s), %d completed it\n",
+                count, intervalMs, cutCount, int(frame.size()), lastCut, completed);
+    return cutCount == count ? 0 : 1;
+}
+
+// Connections that only connect, and hold them.
+int runIdle(const Options& options) {
+    const quint16 port = quint16(options.number("port", 0));
+    const int count = int(options.number("count", 100));
+    const int holdMs = int(options.number("hold", 20)) * 1000;
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (int i = 0; i < count; ++i)
+        peers.push_back(std::make_unique<Peer>(port));
+    QThread::msleep(quint32(holdMs));
+    int closed = 0;
+    for (const auto& peer : peers)
+        closed += !peer->connected() || UDT::getsockstate(peer->socket()) != CONNECTED;
+    std::printf("idle: %d connections held %d s, %d of them closed by the server\n", count,
+                holdMs / 1000, closed);
+    return 0;
+}
+
+// A peer that does not know the secret. First it skips the challenge and sends tasks for
+// several application keys, to learn which exist; then it guesses the user's secret.
+int runProbe(const Options& options) {
+    const quint16 port = quint16(options.number("port", 0));
+    const QString user = options.value("user", "alice");
+    const int count = int(options.number("count", 12));
+    int failures = 0;
+    for (const QString& key : QStringList{"appA", "appB", "nope"}) {
+        Peer peer(port);
+        ParamMap answer;
+        peer.hello(&answer);
+        ParamMap params = taskParam("list");
+        params["appKey"] = key;
+        peer.sendMap(kTaskParam, params);
+        quint32 number = 0;
+        ParamMap reply;
+        const Got got = peer.receiveMap(number, reply, 15000);
+        const bool leaked = got == Got::Frame && number == kTaskParamAck;
+        failures += leaked || got == Got::Silent;
+        std::printf("  task for '%s' past the challenge (%s): %s\n", qPrintable(key),
+                    qPrintable(answer.value("accepted")),
+                    leaked               ? "ANSWERED"
+                    : got == Got::Closed ? "closed without an answer"
+                                         : "NO ANSWER");
+    }
+    QMap<QString, int> answers;
+    QStringList order;
+    for (int i = 0; i < count; ++i) {
+        Peer peer(port);
+        ParamMap challenge;
+        peer.hello(&challenge);
+        QString outcome = challenge.value("errorType");
+        if (challenge.value("accepted") == QLatin1String("challenge")) {
+            const QByteArray guess = randomBytes(quint32(i + 1), 32).toHex();
+            peer.sendMap(3, {{"user", user},
+                             {"nonce", QString(randomBytes(quint32(i + 100), 32).toHex())},
+                             {"proof", QString(guess.left(64))}});
+            quint32 number = 0;
+            ParamMap reply;
+            const Got got = peer.receiveMap(number, reply, 15000);
+            outcome = got != Got::Frame ? QStringLiteral("no answer")
+                      : reply.value("accepted") == QLatin1String("true")
+                          ? QStringLiteral("ACCEPTED")
+                          : reply.value("errorType");
+        }
+        ++answers[outcome];
+        order << outcome;
+    }
+    std::printf("  guesses, in order: %s\n", qPrintable(order.join(' ')));
+    for (auto it = answers.cbegin(); it != answers.cend(); ++it)
+        std::printf("  %4d x %s\n", it.value(), qPrintable(it.key()));
+    // Ten wrong guesses are answered alike; after them the address is turned away at once.
+    const int expectedFailed = std::min(count, 10);
+    const bool ok = failures == 0 && answers.value("AuthenticationFailed") == expectedFailed &&
+                    answers.value("TooManyFailures") == count - expectedFailed;
+    std::printf("probe: %d guesses of %s's secret, %d answered \"authentication failed\", %d "
+                "refused as too many failures; %s\n",
+                count, qPrintable(user), answers.value("AuthenticationFailed"),
+                answers.value("TooManyFailures"), ok ? "as expected" : "NOT as expected");
+    return ok ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -752,7 +887,14 @@ int main(int argc, char** argv) {
         return runSilentServer(options);
     if (mode == QLatin1String("kill-when"))
         return runKillWhen(options, command);
-    std::fprintf(stderr, "usage: reliability_peer hostile|burst|stall|silent-server|kill-when "
+    if (mode == QLatin1String("trickle"))
+        return runTrickle(options);
+    if (mode == QLatin1String("idle"))
+        return runIdle(options);
+    if (mode == QLatin1String("probe"))
+        return runProbe(options);
+    std::fprintf(stderr, "usage: reliability_peer "
+                         "hostile|burst|stall|silent-server|kill-when|trickle|idle|probe "
                          "OPTIONS (see the source's header)\n");
     return 2;
 }
