@@ -21,8 +21,9 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen",  "mount",           "file-mode", "dir-mode",     "log",
-                            "plugins", "max-connections", "max-rate",  "stall-timeout"};
+const QStringList kSettings{"listen",        "mount",           "file-mode",       "dir-mode",
+                            "log",           "plugins",         "max-connections", "max-rate",
+                            "stall-timeout", "max-list-entries"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins"};
 
@@ -146,6 +147,12 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
         return QString("--max-rate takes bytes per second, such as 500K or 20M");
 
+    config.maxListEntries =
+        raw.values.value("max-list-entries", QString::number(kDefaultMaxListEntries))
+            .toLongLong(&ok);
+    if (!ok || config.maxListEntries < 1)
+        return QString("--max-list-entries takes a number of at least 1");
+
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
@@ -197,6 +204,10 @@ int runServe(const QStringList& args) {
          "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
          "file stays for a resume (default 120, 0: no limit).",
          "SECONDS"},
+        {"max-list-entries",
+         "Stop a listing with a failure after N entries, so that links looping back cannot "
+         "exhaust the server (default 1000000).",
+         "N"},
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group); the command line wins.",

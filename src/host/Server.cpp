@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include "Confinement.h"
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
@@ -152,6 +153,7 @@ int Server::run() {
     printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
                       QString::number(m_config.maxConnections)));
+    printErr(confinement::startupNotice());
 
     std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
@@ -295,6 +297,7 @@ void Server::configureHandler(VeskBase* handler, int socket, const QString& peer
     handler->setParam("fileMod", m_config.fileMode);
     handler->setParam("dirMod", m_config.dirMode);
     handler->setParam("logFile", m_config.logFile);
+    handler->setListEntryLimit(m_config.maxListEntries);
     const int colon = peer.lastIndexOf(':');
     handler->setParam("clientIp", peer.left(colon));
     handler->setParam("clientPort", peer.mid(colon + 1));

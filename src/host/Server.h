@@ -20,6 +20,10 @@
 namespace VESK {
 namespace host {
 
+// Entries of one listing, at most: far more than a real tree holds, far less than what two links
+// looping back to their own directory produce.
+constexpr qint64 kDefaultMaxListEntries = 1000000;
+
 struct AppEntry {
     QString key;
     QString dir; // relative to the mount
@@ -36,6 +40,7 @@ struct ServeConfig {
     int maxConnections = 64;
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
+    qint64 maxListEntries = kDefaultMaxListEntries; // a longer listing fails
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
