@@ -3,7 +3,10 @@
 
 #include "HandlerInternals.h"
 #include "Support.h"
+#include "base/Verify.h"
 #include "host/Confinement.h"
+
+#include <QCryptographicHash>
 
 #include <QDir>
 #include <QFile>
@@ -117,6 +120,30 @@ private slots:
                 qPrintable(notice));
         else
             QVERIFY2(notice.contains("Landlock is not available"), qPrintable(notice));
+    }
+
+    // First of the confined tests: the libraries a task uses start up lazily, possibly inside
+    // the confined thread (OpenSSL reads its configuration on first use), and must work there.
+    void landlockLeavesVerifyValuesWorking() {
+        Tree tree;
+        QVERIFY(tree.temp.isValid());
+        const QString file = tree.app + "/inside.txt";
+        std::map<QString, QString> values;
+        QString error;
+        runConfined(tree.app, {}, &error, [&](Outcomes&) {
+            for (const QString method : {"fileattr", "md5", "sha1", "sha256", "xxh3"})
+                values[method] = VESK::verify::fileValue(file, method);
+            values["outside"] = VESK::verify::fileValue(tree.secret, "md5");
+        });
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QCOMPARE(values["fileattr"], QString("6"));
+        QCOMPARE(values["md5"],
+                 QString(QCryptographicHash::hash("inside", QCryptographicHash::Md5).toHex()));
+        QCOMPARE(values["sha256"],
+                 QString(QCryptographicHash::hash("inside", QCryptographicHash::Sha256).toHex()));
+        QCOMPARE(values["sha1"].size(), 40);
+        QCOMPARE(values["xxh3"].size(), 32);
+        QCOMPARE(values["outside"], QString());
     }
 
     void landlockRefusesEverythingOutsideTheDirectory() {
