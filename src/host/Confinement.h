@@ -10,6 +10,11 @@
 //       refuse the task with `why`;
 //   handler->process();
 //
+// The paths are those the task's operation will touch, joined as the handler joins them: for an
+// upload the destination directory, the file and its partial file; for a download the file; for
+// a listing its directory; for createDir the directory. A false return means the task must not
+// run: either a path leaves `dir`, or Landlock is there but the thread could not be confined.
+//
 // With Landlock (Linux 5.13 and later) the kernel then refuses, to this thread only, every read,
 // write, creation, removal, rename, truncation and device ioctl outside `dir`, whatever symbolic
 // links inside it say; the restriction lasts as long as the thread, so a server confines only a

@@ -6,9 +6,9 @@
 #include "Server.h"
 #include "SignalHandling.h"
 #include "Url.h"
+#include "base/LogFile.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSettings>
@@ -156,8 +156,8 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
-        QFile log(config.logFile);
-        if (!log.open(QIODevice::WriteOnly | QIODevice::Append))
+        // Opened here and kept: every task's log goes through this one descriptor.
+        if (!logfile::keepOpen(config.logFile))
             return QString("cannot write the log file %1").arg(config.logFile);
     }
     config.plugins = raw.values.value("plugins");
