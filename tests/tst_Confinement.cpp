@@ -7,6 +7,7 @@
 #include "host/Confinement.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
 
 #include <QDir>
 #include <QFile>
@@ -19,6 +20,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -144,6 +146,28 @@ private slots:
         QCOMPARE(values["sha1"].size(), 40);
         QCOMPARE(values["xxh3"].size(), 32);
         QCOMPARE(values["outside"], QString());
+    }
+
+    // Log records carry the local time; its zone is read from outside on first use.
+    void landlockLeavesTheLocalTimeZone() {
+        const QString zone = "/usr/share/zoneinfo/Asia/Tokyo";
+        if (!QFileInfo::exists(zone))
+            QSKIP("no time zone data on this machine");
+        Tree tree;
+        QVERIFY(tree.temp.isValid());
+        const QByteArray saved = qgetenv("TZ");
+        qputenv("TZ", (":" + zone).toUtf8());
+        int offset = -1;
+        QString error;
+        runConfined(tree.app, {}, &error,
+                    [&](Outcomes&) { offset = QDateTime::currentDateTime().offsetFromUtc(); });
+        if (saved.isNull())
+            qunsetenv("TZ");
+        else
+            qputenv("TZ", saved);
+        ::tzset();
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        QCOMPARE(offset, 9 * 3600);
     }
 
     void landlockRefusesEverythingOutsideTheDirectory() {

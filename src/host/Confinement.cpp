@@ -1,6 +1,7 @@
 #include "Confinement.h"
 
 #include "base/LogFile.h"
+#include "base/Verify.h"
 
 #include <QDir>
 #include <QFile>
@@ -18,6 +19,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 // Access rights newer than the headers of some build machines; their values are fixed by the
 // kernel's ABI.
@@ -148,6 +150,10 @@ bool confineThreadTo(const QString& dir, const QStringList& keepOpen, QString* e
             return false;
         }
     }
+    // What a task may still use that would otherwise be read from outside on its first use:
+    // the local time zone (log records) and the digests' configuration (verify values).
+    ::tzset();
+    verify::prepare();
     Descriptor top;
     top.fd = ::open(QFile::encodeName(dir).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (top.fd < 0) {
