@@ -3,6 +3,7 @@
 
 #include "HandlerInternals.h"
 #include "Support.h"
+#include "base/Net.h"
 #include "base/Verify.h"
 #include "host/Confinement.h"
 
@@ -10,6 +11,7 @@
 #include <QDateTime>
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
@@ -17,6 +19,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <udt/udt.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -99,6 +102,83 @@ struct Tree {
         QFile::link(outside + "/planted.txt", app + "/dangling");
         // And a link that stays inside.
         QFile::link(app + "/sub", app + "/sub-link");
+    }
+};
+
+// One task between a client handler and a server handler whose thread is confined to the
+// application's directory first, as the server host does it.
+struct ConfinedTask {
+    UdtPair pair = connectedPair();
+    Handler client = makeHandler();
+    Handler server = makeHandler();
+    LogCapture serverLogs{server.get()};
+    Counters counters;
+    bool clientOk = false;
+    bool serverOk = false;
+    QString error;   // the confinement's own
+    QString appDir;  // where the server's thread is confined: appA's directory
+    QString logFile; // beside the mount, outside it
+
+    ConfinedTask(const MountTree& tree, const QString& op, const VESK::ParamMap& params)
+        : appDir(tree.appDir("appA"))
+        , logFile(tree.root() + "/vesk.log") {
+        configureClient(client.get(), pair.client.get(), op);
+        configureServer(server.get(), pair.server.get(), tree.mount(), tree.appTable());
+        server->setParam("logFile", logFile);
+        server->setParam("fileMod", "640");
+        server->setParam("dirMod", "750");
+        const VESK::ParamMap common{{"appKey", "appA"},          {"userName", "tester"},
+                                    {"appVersion", "1.0"},       {"rootPath", ""},
+                                    {"bVerify", "sha256"},       {"bReplace", "false"},
+                                    {"mac", "00:11:22:33:44:55"}};
+        counters.install(client.get());
+        for (auto it = common.cbegin(); it != common.cend(); ++it)
+            client->setParam(it.key(), it.value());
+        for (auto it = params.cbegin(); it != params.cend(); ++it)
+            client->setParam(it.key(), it.value());
+    }
+
+    void run() {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool serverDone = false;
+        std::thread serverThread([&] {
+            const bool ok =
+                confinement::confineThreadTo(appDir, {logFile}, &error) && server->process();
+            std::lock_guard<std::mutex> lock(mutex);
+            serverOk = ok;
+            serverDone = true;
+            changed.notify_all();
+        });
+        AsyncTask clientTask(client.get());
+        // A client that gave up leaves the server waiting for it: a few seconds later both
+        // sockets are closed, which ends the server's wait.
+        QElapsedTimer clientEnded;
+        for (;;) {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (changed.wait_for(lock, std::chrono::milliseconds(100), [&] { return serverDone; }))
+                break;
+            lock.unlock();
+            bool clientDone = false;
+            clientTask.wait(0, &clientDone);
+            if (clientDone && !clientEnded.isValid())
+                clientEnded.start();
+            if (clientEnded.isValid() && clientEnded.elapsed() > 5000) {
+                UDT::close(pair.server.get());
+                UDT::close(pair.client.get());
+                break;
+            }
+        }
+        serverThread.join();
+        // As the host does: the server's end closes once its task is over, which ends a client
+        // still waiting for an answer the server never sent.
+        VESK::net::drainAndClose(pair.server.release());
+        bool done = false;
+        clientOk = clientTask.wait(20000, &done);
+        if (!done) {
+            UDT::close(pair.client.release());
+            clientOk = clientTask.wait(20000);
+        }
     }
 };
 
@@ -312,6 +392,120 @@ private slots:
         QVERIFY2(text.contains("[error] createStream: QFile open file " + tree.app +
                                "/out/secret.txt failed"),
                  qPrintable(text));
+    }
+
+    // Every operation of the handler works in a confined thread, logging included.
+    void landlockServesEveryOperationInsideTheApplication() {
+        MountTree tree;
+        QVERIFY(tree.isValid());
+        const QString app = tree.appDir("appA");
+        const QString source = tree.local() + "/report.bin";
+        QVERIFY(writePatternFile(source, 3 * 1024 * 1024 + 5, 7));
+        const qint64 sourceTime = mtimeOf(source);
+
+        ConfinedTask upload(
+            tree, "upload",
+            {{"srcPath", tree.local()}, {"fileName", "report.bin"}, {"destPath", "in/deeper"}});
+        upload.run();
+        QVERIFY2(upload.error.isEmpty(), qPrintable(upload.error));
+        QVERIFY2(upload.serverOk && upload.clientOk,
+                 qPrintable(upload.serverLogs.messages("error").join('\n')));
+        const QString installed = app + "/in/deeper/report.bin";
+        QCOMPARE(readAll(installed), readAll(source));
+        QCOMPARE(modeOf(installed), 0640);
+        QCOMPARE(modeOf(app + "/in/deeper"), 0750);
+        QCOMPARE(mtimeOf(installed), sourceTime);
+
+        QVERIFY(QDir().mkpath(tree.local() + "/fetched"));
+        ConfinedTask download(tree, "download",
+                              {{"srcPath", "in/deeper"},
+                               {"fileName", "report.bin"},
+                               {"destPath", tree.local() + "/fetched"}});
+        download.run();
+        QVERIFY2(download.serverOk && download.clientOk,
+                 qPrintable(download.serverLogs.messages("error").join('\n')));
+        QCOMPARE(readAll(tree.local() + "/fetched/report.bin"), readAll(source));
+
+        ConfinedTask list(tree, "list", {{"srcPath", ""}});
+        // Emitted on the client's thread, which only adds to the list while this one waits.
+        QStringList listed;
+        QObject::connect(
+            list.client.get(), &VESK::VeskBase::sigList, list.client.get(),
+            [&listed](VESK::ParamMap chunk) { listed += chunk.keys(); }, Qt::DirectConnection);
+        list.run();
+        QVERIFY(list.serverOk && list.clientOk);
+        listed.removeAll("bLast");
+        listed.sort();
+        QCOMPARE(listed, QStringList({"/in", "/in/deeper", "/in/deeper/report.bin"}));
+
+        ConfinedTask createDir(tree, "createDir", {{"destPath", "made/here"}});
+        createDir.run();
+        QVERIFY(createDir.serverOk && createDir.clientOk);
+        QVERIFY(QFileInfo(app + "/made/here").isDir());
+        QCOMPARE(modeOf(app + "/made/here"), 0750);
+
+        // The confined threads logged through the descriptor kept open.
+        const QString log = QString::fromUtf8(readAll(tree.root() + "/vesk.log"));
+        for (const QString op :
+             {"uploadRespond", "downloadRespond", "listRespond", "createDirRespond"})
+            QVERIFY2(log.contains("[info] " + op + ": "), qPrintable(op));
+    }
+
+    // What a link inside the application pointed at before: written, appended to, re-moded.
+    void landlockStopsTasksThroughLinksOut() {
+        MountTree tree;
+        QVERIFY(tree.isValid());
+        const QString app = tree.appDir("appA");
+        const QString outside = tree.root() + "/elsewhere";
+        QVERIFY(QDir().mkpath(outside + "/dir"));
+        QVERIFY(writeText(outside + "/victim.txt", "victim"));
+        QVERIFY(::chmod(native(outside + "/victim.txt").constData(), 0600) == 0);
+        QVERIFY(::chmod(native(outside + "/dir").constData(), 0700) == 0);
+        const qint64 victimTime = mtimeOf(outside + "/victim.txt");
+        QVERIFY(QFile::link(outside, app + "/out"));
+        QVERIFY(QFile::link(outside + "/victim.txt", app + "/.report.bin.vesk-part"));
+        QVERIFY(writePatternFile(tree.local() + "/report.bin", 100000, 3));
+
+        // Into a directory that is a link out.
+        ConfinedTask throughDir(
+            tree, "upload",
+            {{"srcPath", tree.local()}, {"fileName", "report.bin"}, {"destPath", "out"}});
+        throughDir.run();
+        QVERIFY(throughDir.error.isEmpty());
+        QVERIFY(!throughDir.serverOk);
+        QVERIFY(!throughDir.clientOk);
+        QVERIFY(!QFileInfo::exists(outside + "/report.bin"));
+        QVERIFY(!QFileInfo::exists(outside + "/.report.bin.vesk-part"));
+
+        // Through a planted partial file that links out.
+        ConfinedTask planted(
+            tree, "upload",
+            {{"srcPath", tree.local()}, {"fileName", "report.bin"}, {"destPath", ""}});
+        planted.run();
+        QVERIFY(!planted.serverOk);
+        QVERIFY(!QFileInfo::exists(app + "/report.bin"));
+
+        // Reading and listing through the link.
+        QVERIFY(QDir().mkpath(tree.local() + "/fetched"));
+        ConfinedTask read(tree, "download",
+                          {{"srcPath", "out"},
+                           {"fileName", "victim.txt"},
+                           {"destPath", tree.local() + "/fetched"}});
+        read.run();
+        QVERIFY(!read.clientOk);
+        QVERIFY(!QFileInfo::exists(tree.local() + "/fetched/victim.txt"));
+
+        // Re-moding an existing directory through the link.
+        ConfinedTask createDir(tree, "createDir", {{"destPath", "out/dir"}});
+        createDir.run();
+        QVERIFY(!createDir.serverOk);
+
+        QCOMPARE(readAll(outside + "/victim.txt"), QByteArray("victim"));
+        QCOMPARE(modeOf(outside + "/victim.txt"), 0600);
+        QCOMPARE(mtimeOf(outside + "/victim.txt"), victimTime);
+        QCOMPARE(modeOf(outside + "/dir"), 0700);
+        QCOMPARE(QDir(outside).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+                 QStringList({"dir", "victim.txt"}));
     }
 
     void landlockNeedsAnExistingDirectory() {
