@@ -33,6 +33,18 @@
 #define LANDLOCK_ACCESS_FS_IOCTL_DEV (1ULL << 15)
 #endif
 
+// The system calls' numbers are the same on every architecture; C libraries older than the
+// kernel's Landlock do not name them.
+#ifndef SYS_landlock_create_ruleset
+#define SYS_landlock_create_ruleset 444
+#endif
+#ifndef SYS_landlock_add_rule
+#define SYS_landlock_add_rule 445
+#endif
+#ifndef SYS_landlock_restrict_self
+#define SYS_landlock_restrict_self 446
+#endif
+
 namespace VESK {
 namespace host {
 namespace confinement {
@@ -134,8 +146,8 @@ QString startupNotice() {
                        "ABI %1")
             .arg(abi);
     return QString("vesk: Landlock is not available on this kernel; each task's paths are checked "
-                   "against its application's directory before it runs instead (see README, "
-                   "Security)");
+                   "against its application's directory before it runs instead (see the README "
+                   "on confinement)");
 }
 
 bool confineThreadTo(const QString& dir, const QStringList& keepOpen, QString* error) {
