@@ -8,9 +8,9 @@
 #include "Server.h"
 #include "SignalHandling.h"
 #include "Url.h"
+#include "base/LogFile.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSettings>
@@ -23,10 +23,10 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen",        "mount",   "file-mode",       "dir-mode",
-                            "log",           "plugins", "max-connections", "max-rate",
-                            "stall-timeout", "secrets", "anonymous",       "max-per-address",
-                            "hello-timeout"};
+const QStringList kSettings{
+    "listen",    "mount",           "file-mode",     "dir-mode",        "log",
+    "plugins",   "max-connections", "max-rate",      "stall-timeout",   "secrets",
+    "anonymous", "max-per-address", "hello-timeout", "max-list-entries"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins", "secrets"};
 
@@ -202,11 +202,17 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
         return QString("--max-rate takes bytes per second, such as 500K or 20M");
 
+    config.maxListEntries =
+        raw.values.value("max-list-entries", QString::number(kDefaultMaxListEntries))
+            .toLongLong(&ok);
+    if (!ok || config.maxListEntries < 1)
+        return QString("--max-list-entries takes a number of at least 1");
+
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
-        QFile log(config.logFile);
-        if (!log.open(QIODevice::WriteOnly | QIODevice::Append))
+        // Opened here and kept: every task's log goes through this one descriptor.
+        if (!logfile::keepOpen(config.logFile))
             return QString("cannot write the log file %1").arg(config.logFile);
     }
     config.plugins = raw.values.value("plugins");
@@ -270,6 +276,10 @@ int runServe(const QStringList& args) {
          "N"},
         {"hello-timeout",
          "Time a peer has for its whole hello, authentication included (default 10).", "SECONDS"},
+        {"max-list-entries",
+         "Stop a listing with a failure after N entries, so that links looping back cannot "
+         "exhaust the server (default 1000000).",
+         "N"},
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group, access lines in an [access] group); the command line wins.",

@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include "Confinement.h"
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
@@ -164,6 +165,7 @@ int Server::run() {
                       m_config.authenticate
                           ? QString("%1 user(s) authenticated").arg(m_config.secrets.size())
                           : QString("anonymous")));
+    printErr(confinement::startupNotice());
 
     std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;
@@ -320,6 +322,7 @@ void Server::configureHandler(VeskBase* handler, int socket, const QString& peer
     handler->setParam("fileMod", m_config.fileMode);
     handler->setParam("dirMod", m_config.dirMode);
     handler->setParam("logFile", m_config.logFile);
+    handler->setListEntryLimit(m_config.maxListEntries);
     const int colon = peer.lastIndexOf(':');
     handler->setParam("clientIp", peer.left(colon));
     handler->setParam("clientPort", peer.mid(colon + 1));

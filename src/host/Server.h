@@ -24,6 +24,10 @@
 namespace VESK {
 namespace host {
 
+// Entries of one listing, at most: far more than a real tree holds, far less than what two links
+// looping back to their own directory produce.
+constexpr qint64 kDefaultMaxListEntries = 1000000;
+
 struct AppEntry {
     QString key;
     QString dir; // relative to the mount
@@ -45,6 +49,7 @@ struct ServeConfig {
     AccessRules access;                // who may use which application when authenticating
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
+    qint64 maxListEntries = kDefaultMaxListEntries; // a longer listing fails
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
