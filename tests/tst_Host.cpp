@@ -8,6 +8,7 @@
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -429,10 +430,130 @@ private slots:
         const QString original = s.local() + "/same.bin";
         QVERIFY(writePatternFile(original, 100000, 4));
         QCOMPARE(runVesk({"upload", original, server.url("appA")}).code, 0);
-        const Run again = runVesk({"upload", "--verify", "md5", original, server.url("appA")});
+        QVERIFY(!server.waitForLine(QRegularExpression(" upload .* 100000 bytes .* success$"))
+                     .isEmpty());
+        const Run again = runVesk({"upload", original, server.url("appA")});
         QCOMPARE(again.code, 0);
-        QVERIFY2(again.err.contains("is already on the server; nothing sent"),
+        QVERIFY2(again.err.contains("is already identical on the server; nothing sent"),
                  qPrintable(again.err));
+        QVERIFY(
+            !server.waitForLine(QRegularExpression(" upload .* 0 bytes .* success$")).isEmpty());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void editedReuploadReplacesTheServerCopy() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString original = s.local() + "/edited.bin";
+        QVERIFY(writePatternFile(original, 300000, 4));
+        QCOMPARE(runVesk({"upload", original, server.url("appA")}).code, 0);
+        // A same-size edit that even keeps the modification time: only the contents differ.
+        const QDateTime mtime = QFileInfo(original).lastModified();
+        QVERIFY(writePatternFile(original, 300000, 5));
+        QFile touched(original);
+        QVERIFY(touched.open(QIODevice::ReadWrite) &&
+                touched.setFileTime(mtime, QFileDevice::FileModificationTime));
+        touched.close();
+        const Run again = runVesk({"upload", original, server.url("appA")});
+        QCOMPARE(again.code, 0);
+        QVERIFY2(again.err.startsWith("vesk: uploaded edited.bin"), qPrintable(again.err));
+        QVERIFY(sameContents(original, s.appA() + "/edited.bin"));
+
+        // --ignore-existing keeps the server's copy by its name alone.
+        QVERIFY(writePatternFile(original, 300000, 6));
+        const Run kept = runVesk({"upload", "--ignore-existing", original, server.url("appA")});
+        QCOMPARE(kept.code, 0);
+        QVERIFY2(kept.err.contains("already exists on the server; kept"), qPrintable(kept.err));
+        QVERIFY(!sameContents(original, s.appA() + "/edited.bin"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void downloadReplacesAChangedLocalCopyAndKeepsAnIdenticalOne() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        const QString original = s.appA() + "/d.bin";
+        QVERIFY(writePatternFile(original, 400000, 21));
+        const QString destination = s.local() + "/d.bin";
+        QVERIFY(writePatternFile(destination, 400000, 22));
+
+        Run run = runVesk({"download", server.url("appA/d.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.startsWith("vesk: downloaded "), qPrintable(run.err));
+        QVERIFY(sameContents(original, destination));
+
+        run = runVesk({"download", server.url("appA/d.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("is already identical to the server's copy; nothing received"),
+                 qPrintable(run.err));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void downloadThatCannotReachTheServerNeverSucceeds() {
+        Scratch s;
+        const QString destination = s.local() + "/here.bin";
+        QVERIFY(writePatternFile(destination, 1000, 3));
+        // Nobody listens there: a local file of that name proves nothing.
+        const Run run = runVesk({"download", "vesk://127.0.0.1:1/appA/here.bin", s.local()});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.startsWith("vesk: cannot reach 127.0.0.1:1"), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+    }
+
+    void changedSourceBetweenTwoAttemptsEndsIdenticalToTheNewSource() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+
+        // Upload: the server holds a partial file of an older version of the source.
+        const QString source = s.local() + "/u.bin";
+        QVERIFY(writePatternFile(source, 3 * 1024 * 1024, 31));
+        const QString uploaded = s.appA() + "/u.bin";
+        QVERIFY(writePatternFile(partialOf(uploaded), 1024 * 1024, 32));
+        Run run = runVesk({"upload", source, server.url("appA")});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("starting again from the beginning"), qPrintable(run.err));
+        QVERIFY(sameContents(source, uploaded));
+        QVERIFY(!QFileInfo::exists(partialOf(uploaded)));
+
+        // Download: the local partial file came from an older version of the server's file.
+        const QString served = s.appA() + "/v.bin";
+        QVERIFY(writePatternFile(served, 3 * 1024 * 1024, 33));
+        const QString destination = s.local() + "/v.bin";
+        QVERIFY(writePatternFile(partialOf(destination), 1024 * 1024, 34));
+        run = runVesk({"download", server.url("appA/v.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("starting again from the beginning"), qPrintable(run.err));
+        QVERIFY(sameContents(served, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void secondDownloadIntoTheSameFileIsRefusedWhileTheFirstRuns() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        const QString destination = s.local() + "/big.bin";
+
+        QProcess first;
+        startVesk(first, {"download", server.url("appA/big.bin"), s.local()});
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        const Run second = runVesk({"download", server.url("appA/big.bin"), s.local()});
+        QCOMPARE(second.code, 1);
+        QVERIFY2(second.err.contains("another transfer of this file is in progress"),
+                 qPrintable(second.err));
+
+        // The lock dies with its holder, even by kill -9; the next run resumes.
+        signalProcess(first, SIGKILL);
+        QVERIFY(first.waitForFinished(20000));
+        const Run resumed = runVesk({"download", server.url("appA/big.bin"), s.local()});
+        QCOMPARE(resumed.code, 0);
+        QVERIFY(sameContents(m_big, destination));
         QCOMPARE(server.stop(), 0);
     }
 
@@ -464,18 +585,14 @@ private slots:
         const QString destination = s.appA() + "/p.bin";
         QVERIFY(writePatternFile(partialOf(destination), 5000, 15));
 
-        // The server appends to its partial file; the verification catches it and removes it.
-        Run run = runVesk({"upload", "--replace", original, server.url("appA")});
-        QCOMPARE(run.code, 1);
-        QCOMPARE(run.err, QString("vesk: verification failed: the copy differs from the original "
-                                  "and its partial data was removed; run the same command "
-                                  "again\n"));
-        QVERIFY(!QFileInfo::exists(destination));
-        QVERIFY(!QFileInfo::exists(partialOf(destination)));
-
-        run = runVesk({"upload", "--replace", original, server.url("appA")});
+        // The server appends to its partial file; the verification catches it and removes it,
+        // and the client starts once more from 0 by itself.
+        const Run run = runVesk({"upload", "--replace", original, server.url("appA")});
         QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.startsWith("vesk: the copy did not match its source"),
+                 qPrintable(run.err));
         QVERIFY(sameContents(original, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(server.stop(), 0);
     }
 
