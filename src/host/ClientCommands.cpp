@@ -573,6 +573,7 @@ int runDownload(const QStringList& args) {
     return runAndReport(
         task,
         [&](const TaskResult& r) {
+            keepVerifiedValue(task.localPath, task.params.value("bVerify"));
             if (wasSecondPass(r))
                 return QString("%1 is already identical to the server's copy; nothing received")
                     .arg(task.localPath);

@@ -1,5 +1,7 @@
 #include "Transfer.h"
 
+#include "base/Verify.h"
+
 #include <QFile>
 #include <QRegularExpression>
 
@@ -29,6 +31,11 @@ bool verificationFailed(const QStringList& errors) {
             return true;
     }
     return false;
+}
+
+void keepVerifiedValue(const QString& path, const QString& method) {
+    if (!path.isEmpty() && !method.isEmpty() && method != QLatin1String("false"))
+        verify::adoptKeptValue(path, method);
 }
 
 qint64 unacknowledgedBytes(int socket) {

@@ -32,6 +32,11 @@ struct TransferChoice {
 // (the handler has then removed the partial file).
 bool verificationFailed(const QStringList& errors);
 
+// After a transfer that ended well: the verify value kept with `path` (the file just installed
+// or compared, with the handler's method "bVerify") stays valid across the rename and the new
+// modification time the transfer gave it. Nothing happens without a method.
+void keepVerifiedValue(const QString& path, const QString& method);
+
 // Bytes still unacknowledged in the send buffer of UDT socket `socket` (whole packets of the
 // connection's payload size; 0 when the socket cannot tell).
 qint64 unacknowledgedBytes(int socket);
