@@ -21,9 +21,16 @@
 #include <QTest>
 #include <QThread>
 
+#include <cmath>
 #include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace vesktest;
 
@@ -135,6 +142,100 @@ QString partialOf(const QString& destination) {
     const QFileInfo info(destination);
     return info.path() + "/." + info.fileName() + ".vesk-part";
 }
+
+// vesk run in a pseudo-terminal of its own, as a person at a terminal runs it: stderr is a
+// terminal (so the progress line is drawn), and ^C typed on it is the terminal's interrupt.
+class PtyProcess {
+public:
+    ~PtyProcess() {
+        if (m_pid > 0 && !m_finished) {
+            ::kill(m_pid, SIGKILL);
+            wait(5000);
+        }
+        if (m_master >= 0)
+            ::close(m_master);
+    }
+
+    bool start(const QStringList& args) {
+        QList<QByteArray> argv{QFile::encodeName(kVesk)};
+        for (const QString& a : args)
+            argv << a.toLocal8Bit();
+        std::vector<char*> raw;
+        for (QByteArray& a : argv)
+            raw.push_back(a.data());
+        raw.push_back(nullptr);
+        winsize size{};
+        size.ws_col = 120;
+        size.ws_row = 24;
+        m_pid = ::forkpty(&m_master, nullptr, nullptr, &size);
+        if (m_pid == 0) {
+            ::execv(raw[0], raw.data());
+            ::_exit(127);
+        }
+        if (m_pid < 0)
+            return false;
+        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
+        return true;
+    }
+
+    pid_t pid() const { return m_pid; }
+
+    // Types `text` on the terminal.
+    void type(const char* text) {
+        const ssize_t n = ::write(m_master, text, std::strlen(text));
+        Q_UNUSED(n)
+    }
+
+    // Everything the terminal showed so far.
+    QString output() {
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(m_master, buffer, sizeof buffer)) > 0;)
+            m_output += QByteArray(buffer, int(n));
+        return QString::fromUtf8(m_output);
+    }
+
+    // Waits (bounded) until the output contains `text`.
+    bool waitForOutput(const QString& text, int timeoutMs = 20000) {
+        QElapsedTimer clock;
+        clock.start();
+        while (!output().contains(text)) {
+            if (clock.elapsed() > timeoutMs || (m_finished || reaped()))
+                return output().contains(text);
+            QThread::msleep(10);
+        }
+        return true;
+    }
+
+    // Waits (bounded) for the end; the exit status, or -1.
+    int wait(int timeoutMs = 20000) {
+        QElapsedTimer clock;
+        clock.start();
+        while (!reaped() && clock.elapsed() < timeoutMs) {
+            output();
+            QThread::msleep(10);
+        }
+        output();
+        return m_finished ? m_status : -1;
+    }
+
+private:
+    bool reaped() {
+        if (m_finished)
+            return true;
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) != m_pid)
+            return false;
+        m_finished = true;
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return true;
+    }
+
+    pid_t m_pid = -1;
+    int m_master = -1;
+    bool m_finished = false;
+    int m_status = -1;
+    QByteArray m_output;
+};
 
 // A `vesk serve` process on 127.0.0.1 with a port of its own choosing.
 class ServeProcess {
@@ -790,6 +891,64 @@ private slots:
         QVERIFY2(err.endsWith("vesk: cancelled; the partial file was removed\n"), qPrintable(err));
         QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(QFileInfo(destination).size(), 1ll << 30);
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // Ctrl-C typed twice on the terminal: the first pauses and the process stays long enough
+    // for the second, which cancels and removes the partial download.
+    void twoCtrlCOnATerminalCancelTheDownload() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        const QString destination = s.local() + "/big.bin";
+
+        PtyProcess client;
+        QVERIFY(client.start({"download", server.url("appA/big.bin"), s.local()}));
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        client.type("\x03");
+        QVERIFY2(client.waitForOutput("Ctrl-C again cancels"), qPrintable(client.output()));
+        // The task has stopped by now; the partial file is still there.
+        QThread::msleep(300);
+        QVERIFY(QFileInfo::exists(partialOf(destination)));
+        client.type("\x03");
+        QCOMPARE(client.wait(), 130);
+        QVERIFY2(client.output().contains("vesk: cancelled; the partial file was removed"),
+                 qPrintable(client.output()));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QVERIFY(!QFileInfo::exists(destination));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // The upload's progress line follows what the server received, not what was handed to the
+    // transport: mid-transfer at --max-rate 2M it is within 10 % of the server's partial file.
+    void uploadProgressShowsWhatTheServerReceived() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        constexpr qint64 kSize = 32ll << 20;
+        const QString original = s.local() + "/slow.bin";
+        QVERIFY(writePatternFile(original, kSize, 8));
+        const QString partial = partialOf(s.appA() + "/slow.bin");
+
+        PtyProcess client;
+        QVERIFY(client.start({"upload", "--max-rate", "2M", original, server.url("appA")}));
+        QVERIFY(waitForSizeAbove(partial, kSize / 2, 60000));
+        const qint64 received = QFileInfo(partial).size();
+        const QString shown = client.output();
+        ::kill(client.pid(), SIGKILL);
+
+        // The last progress line drawn: " 17.3 MiB / 32.0 MiB ...".
+        const QRegularExpression line("([0-9.]+) MiB / 32\\.0 MiB");
+        QRegularExpressionMatchIterator it = line.globalMatch(shown);
+        double mib = -1;
+        while (it.hasNext())
+            mib = it.next().captured(1).toDouble();
+        QVERIFY2(mib >= 0, qPrintable(shown));
+        const double truth = double(received) / (1 << 20);
+        QVERIFY2(std::abs(mib - truth) <= 0.1 * truth,
+                 qPrintable(QString("shown %1 MiB, received %2 MiB").arg(mib).arg(truth)));
         QCOMPARE(server.stop(), 0);
     }
 

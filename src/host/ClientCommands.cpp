@@ -265,8 +265,18 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
         progress.setUnacknowledged([socket] { return unacknowledgedBytes(socket); });
     progress.setVerifying(task.params.value("bVerify") != QLatin1String("false") &&
                           task.params.value("bVerify") != QLatin1String("fileattr"));
-    QElapsedTimer sinceInterrupt;
     bool drawing = true;
+    QElapsedTimer sinceInterrupt;
+    // Says once that the task is stopping; the task may also have ended before this saw it.
+    auto noticeInterrupt = [&] {
+        if (interrupts.load() == 0 || sinceInterrupt.isValid())
+            return;
+        sinceInterrupt.start();
+        if (drawing)
+            progress.finish();
+        drawing = false;
+        printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
+    };
     std::unique_ptr<StallWatch> watch;
     for (;;) {
         {
@@ -281,21 +291,14 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
             handler->pause();
             UDT::close(socket);
         }
-        if (interrupts.load() > 0 && drawing) {
-            progress.finish();
-            drawing = false;
-            sinceInterrupt.start();
-            printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
-        }
+        noticeInterrupt();
         if (drawing)
             progress.update();
     }
     worker.join();
+    noticeInterrupt();
     if (!ok && interrupts.load() == 1 && firstSignal.load() == SIGINT &&
         handler->getLastError() == QLatin1String("pause")) {
-        // The task may have ended before the loop above saw the interrupt.
-        if (!sinceInterrupt.isValid())
-            sinceInterrupt.start();
         while (interrupts.load() == 1 && sinceInterrupt.elapsed() < kSecondInterruptMs)
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         result.cancelledAfterPause = interrupts.load() > 1;
