@@ -603,6 +603,52 @@ private slots:
         QVERIFY(!QFileInfo::exists(partialOf(destination)));
     }
 
+    void downloadOfADirectorySaysSoAndLeavesNothing() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA() + "/docs/sub"));
+        const Run run = runVesk({"download", server.url("appA/docs"), s.local()});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; vesk downloads one "
+                                  "file at a time (vesk ls lists the directory)\n"),
+                 qPrintable(run.err));
+        QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // The client downloads into a 2 MiB tmpfs of its own mount namespace.
+    void fullLocalDiskIsNamedWithThePath() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(writePatternFile(s.appA() + "/wide.bin", 8 * 1024 * 1024, 9));
+        const QString small = s.local() + "/small";
+        QVERIFY(QDir().mkpath(small));
+        const QStringList unshare = ::geteuid() == 0 ? QStringList{"-m"} : QStringList{"-r", "-m"};
+        QProcess probe;
+        probe.start("unshare",
+                    unshare + QStringList{"sh", "-c", "mount -t tmpfs -o size=2m tmpfs " + small});
+        if (!probe.waitForFinished(10000) || probe.exitCode() != 0)
+            QSKIP("mounting a tmpfs is not allowed here (needs root or user namespaces)");
+
+        QProcess client;
+        client.start("unshare",
+                     unshare + QStringList{"sh", "-c",
+                                           QString("mount -t tmpfs -o size=2m tmpfs '%1' && exec "
+                                                   "'%2' download '%3' '%1'")
+                                               .arg(small, kVesk, server.url("appA/wide.bin"))});
+        QVERIFY(client.waitForFinished(60000));
+        const QString err = QString::fromUtf8(client.readAllStandardError());
+        QCOMPARE(client.exitCode(), 1);
+        QVERIFY2(err.contains(
+                     QString("vesk: the local disk is full: cannot write %1/wide.bin").arg(small)),
+                 qPrintable(err));
+        QCOMPARE(server.stop(), 0);
+    }
+
     void changedSourceBetweenTwoAttemptsEndsIdenticalToTheNewSource() {
         Scratch s;
         ServeProcess server(s.mount());

@@ -18,6 +18,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 #include <QSysInfo>
 
 #include <udt/udt.h>
@@ -91,6 +92,7 @@ struct ClientTask {
     bool counters = false; // upload and download report progress through the two counters
     bool json = false;
     bool ignoreExisting = false;
+    bool silent = false; // a listing whose entries are not printed
 };
 
 struct TaskResult {
@@ -330,7 +332,7 @@ int runTask(const ClientTask& task, TaskResult& result) {
     qint64 offset = 0;
     configure(handler.get(), task, socket.get(), &total, &offset);
     TaskLog log(handler.get());
-    if (task.op == QLatin1String("list")) {
+    if (task.op == QLatin1String("list") && !task.silent) {
         const bool json = task.json;
         QObject::connect(handler.get(), &VeskBase::sigList,
                          [json](QMap<QString, QString> chunk) { printChunk(chunk, json); });
@@ -398,6 +400,24 @@ bool wasSecondPass(const TaskResult& r) {
     return false;
 }
 
+// The server answers a download of a directory as if it were a file and then gives up before
+// the first byte; the transfer breaks off. A listing of that path tells the two apart.
+bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed) {
+    static const QRegularExpression brokeOff("^downloadRequest: recvfile .* failed\\.");
+    if (failed.errors.filter(brokeOff).isEmpty())
+        return false;
+    ClientTask probe(download.command, "list");
+    probe.url = download.url;
+    probe.plugins = download.plugins;
+    probe.quiet = true;
+    probe.silent = true;
+    probe.stallTimeout = download.stallTimeout;
+    probe.params.insert("rootPath", download.params.value("rootPath"));
+    probe.params.insert("srcPath", download.url.path);
+    TaskResult listed;
+    return runTask(probe, listed) < 0 && listed.ok;
+}
+
 // Runs the task and reports it: a message on success (unless --quiet), one sentence on failure.
 // `prepare`, when given, runs before each attempt (-1 to go on, else the exit status). A copy
 // that fails its final verification has lost its partial file, so it is run once more from 0.
@@ -447,6 +467,12 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
         if (!task.quiet && !text.isEmpty())
             printErr("vesk: " + text);
         return kExitOk;
+    }
+    if (task.op == QLatin1String("download") && r.moved == 0 && isDirectoryOnServer(task, r)) {
+        printErr(QString("vesk: %1 is a directory on the server; vesk downloads one file at a "
+                         "time (vesk ls lists the directory)")
+                     .arg(task.url.path));
+        return kExitFailed;
     }
     printErr("vesk: " +
              clientFailureSentence({task.op, task.url, task.localPath, r.lastError, r.errors}));
