@@ -143,7 +143,21 @@ bool sameContentFacts(const Facts& a, const Facts& b) {
     return a.size == b.size && a.mtimeNs == b.mtimeNs && a.inode == b.inode;
 }
 
-QString computeValue(const QString& path, const QString& m) {
+} // namespace
+
+QString canonicalMethod(const QString& method) {
+    static const QStringList known = {"fileattr", "md5", "sha1", "sha256", "xxh3"};
+    return known.contains(method) ? method : QString::fromLatin1(kDefaultMethod);
+}
+
+QString computeFileValue(const QString& path, const QString& method) {
+    const QString m = canonicalMethod(method);
+    if (m == QLatin1String("fileattr")) {
+        const QFileInfo info(path);
+        if (!info.exists() || !info.isFile())
+            return QString();
+        return QString::number(info.size());
+    }
     if (m == QLatin1String("md5"))
         return digest(path, EVP_md5());
     if (m == QLatin1String("sha1"))
@@ -153,21 +167,10 @@ QString computeValue(const QString& path, const QString& m) {
     return xxh3(path);
 }
 
-} // namespace
-
-QString canonicalMethod(const QString& method) {
-    static const QStringList known = {"fileattr", "md5", "sha1", "sha256", "xxh3"};
-    return known.contains(method) ? method : QString::fromLatin1(kDefaultMethod);
-}
-
 QString fileValue(const QString& path, const QString& method) {
     const QString m = canonicalMethod(method);
-    if (m == QLatin1String("fileattr")) {
-        const QFileInfo info(path);
-        if (!info.exists() || !info.isFile())
-            return QString();
-        return QString::number(info.size());
-    }
+    if (m == QLatin1String("fileattr"))
+        return computeFileValue(path, m);
     const QByteArray native = QFile::encodeName(path);
     Facts before;
     const bool known = factsOf(native, before);
@@ -176,7 +179,7 @@ QString fileValue(const QString& path, const QString& method) {
     if (known && readRecord(native, m, kept, value) && sameContentFacts(before, kept) &&
         before.ctimeNs <= kept.ctimeNs)
         return value;
-    value = computeValue(path, m);
+    value = computeFileValue(path, m);
     // Kept only when the file did not change while it was read.
     Facts after;
     if (known && !value.isEmpty() && factsOf(native, after) && sameContentFacts(before, after) &&

@@ -24,6 +24,9 @@ QString canonicalMethod(const QString& method);
 // attributes (or the file cannot be written) the value is computed every time.
 QString fileValue(const QString& path, const QString& method);
 
+// The verify value read from the file itself, neither looking at nor keeping a record.
+QString computeFileValue(const QString& path, const QString& method);
+
 // Carries the kept value of `method` over to the file's present modification and change times,
 // for a file whose contents a transfer has just verified or compared with that value and then
 // only renamed or re-timed (which changes those times but not the contents). Keeps nothing when

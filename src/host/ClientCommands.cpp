@@ -543,8 +543,8 @@ int runDownload(const QStringList& args) {
         "download", "URL_OF_FILE [LOCAL_DIR]",
         "Downloads one file of an application from a vesk server. An interrupted download "
         "(Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels and removes "
-        "the partial file. An existing local file is replaced when it differs from the server's copy "
-        "and left alone when it is identical; every copy is verified (xxh3 by default).",
+        "the partial file. An existing local file is replaced when it differs from the server's "
+        "copy and left alone when it is identical; every copy is verified (xxh3 by default).",
         "  vesk download vesk://127.0.0.1:9000/appA/docs/report.pdf ~/Downloads"};
     const int parsed = parseCommand(parser, args, help, 1, 2);
     if (parsed >= 0)
