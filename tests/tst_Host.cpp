@@ -409,6 +409,16 @@ private slots:
         QTest::newRow("unknown verify method")
             << QStringList{"upload", "--verify", "crc", "a.txt", "vesk://127.0.0.1:1/a"}
             << "unknown verify method 'crc'";
+        QTest::newRow("verify and no-verify")
+            << QStringList{"upload",      "--verify", "md5",
+                           "--no-verify", "a.txt",    "vesk://127.0.0.1:1/a"}
+            << "--verify and --no-verify exclude each other";
+        QTest::newRow("replace and ignore-existing")
+            << QStringList{"download", "--replace", "--ignore-existing", "vesk://127.0.0.1:1/a/f"}
+            << "--replace and --ignore-existing exclude each other";
+        QTest::newRow("verify false is not a method")
+            << QStringList{"download", "--verify", "false", "vesk://127.0.0.1:1/a/f"}
+            << "unknown verify method 'false'";
         QTest::newRow("rate with a unit of its own")
             << QStringList{"upload", "--max-rate", "5MB/s", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";
