@@ -611,6 +611,19 @@ private slots:
         QCOMPARE(run.code, 1);
         QVERIFY2(run.err.startsWith("vesk: cannot reach 127.0.0.1:1"), qPrintable(run.err));
         QVERIFY(!QFileInfo::exists(partialOf(destination)));
+
+        // A server that has no such application or no such file says so.
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        Run refused = runVesk({"download", server.url("appC/here.bin"), s.local()});
+        QCOMPARE(refused.code, 1);
+        QVERIFY2(refused.err.contains("unknown application 'appC'"), qPrintable(refused.err));
+        refused = runVesk({"download", server.url("appA/here.bin"), s.local()});
+        QCOMPARE(refused.code, 1);
+        QVERIFY2(refused.err.contains("no such file on the server: /here.bin"),
+                 qPrintable(refused.err));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QCOMPARE(server.stop(), 0);
     }
 
     void downloadOfADirectorySaysSoAndLeavesNothing() {
