@@ -13,8 +13,12 @@
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
+#include <QThread>
 
+#include <fcntl.h>
+#include <limits>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <udt/udt.h>
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -80,6 +84,18 @@ QString oneShotXxh3(const QByteArray& data) {
 int modeOf(const QString& path) {
     struct stat st;
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 07777) : -1;
+}
+
+// The fields of a kept verify value, or nothing.
+QList<QByteArray> keptRecord(const QByteArray& native, const char* name) {
+    char buffer[256];
+    const ssize_t n = ::getxattr(native.constData(), name, buffer, sizeof buffer);
+    return n > 0 ? QByteArray(buffer, int(n)).split(' ') : QList<QByteArray>();
+}
+
+void setRecord(const QByteArray& native, const char* name, const QList<QByteArray>& fields) {
+    const QByteArray text = fields.join(' ');
+    QCOMPARE(::setxattr(native.constData(), name, text.constData(), size_t(text.size()), 0), 0);
 }
 
 } // namespace
@@ -547,6 +563,71 @@ private slots:
         QCOMPARE(b.getFileVerifyValue(path, "sha256"), toolDigest("sha256sum", path));
         QCOMPARE(b.getFileVerifyValue(path, "xxh3"), oneShotXxh3(readAll(path)));
         QCOMPARE(b.getFileVerifyValue(path, "fileattr"), QString::number(size));
+    }
+
+    void verifyValueIsKeptWithTheFileAndDroppedWhenTheFileChanges() {
+        QTemporaryDir dir;
+        QString path = dir.path() + "/kept";
+        QVERIFY(writePatternFile(path, 300000, 1));
+        const QByteArray native = QFile::encodeName(path);
+        if (::setxattr(native.constData(), "user.vesk.probe", "x", 1, 0) != 0)
+            QSKIP("the temporary directory's file system keeps no user extended attributes");
+        ProbeBase b;
+        const QString first = b.getFileVerifyValue(path, "xxh3");
+        QCOMPARE(first, oneShotXxh3(readAll(path)));
+        const QList<QByteArray> record = keptRecord(native, "user.vesk.xxh3");
+        QCOMPARE(record.size(), 6);
+        QCOMPARE(record[5], first.toLatin1());
+
+        // A record with the file's facts is believed without reading the file: give it another
+        // value (and a change-time bound far ahead, since writing it changes the change time).
+        QList<QByteArray> forged = record;
+        forged[4] = QByteArray::number(std::numeric_limits<qint64>::max());
+        forged[5] = "0123456789abcdef0123456789abcdef";
+        setRecord(native, "user.vesk.xxh3", forged);
+        QCOMPARE(b.getFileVerifyValue(path, "xxh3"), QString::fromLatin1(forged[5]));
+
+        // New contents change the modification time: the value is computed again.
+        QVERIFY(writePatternFile(path, 300000, 2));
+        QCOMPARE(b.getFileVerifyValue(path, "xxh3"), oneShotXxh3(readAll(path)));
+
+        // Contents changed and the modification time set back: the change time gives it away.
+        const QString before = b.getFileVerifyValue(path, "xxh3");
+        struct stat st {};
+        QCOMPARE(::stat(native.constData(), &st), 0);
+        QThread::msleep(300);
+        QVERIFY(writePatternFile(path, 300000, 3));
+        const timespec times[2] = {st.st_atim, st.st_mtim};
+        QCOMPARE(::utimensat(AT_FDCWD, native.constData(), times, 0), 0);
+        const QString after = b.getFileVerifyValue(path, "xxh3");
+        QCOMPARE(after, oneShotXxh3(readAll(path)));
+        QVERIFY(after != before);
+    }
+
+    void keptValueFollowsARenameAndANewModificationTime() {
+        QTemporaryDir dir;
+        QString part = dir.path() + "/.f.vesk-part";
+        QString path = dir.path() + "/f";
+        QVERIFY(writePatternFile(part, 100000, 4));
+        const QByteArray native = QFile::encodeName(path);
+        ProbeBase b;
+        const QString value = b.getFileVerifyValue(part, "sha256");
+        if (keptRecord(QFile::encodeName(part), "user.vesk.sha256").isEmpty())
+            QSKIP("the temporary directory's file system keeps no user extended attributes");
+        QThread::msleep(300);
+        QVERIFY(QFile::rename(part, path));
+        const timespec times[2] = {{1000000000, 5}, {1000000000, 5}};
+        QCOMPARE(::utimensat(AT_FDCWD, native.constData(), times, 0), 0);
+        VESK::verify::adoptKeptValue(path, "sha256");
+        const QList<QByteArray> record = keptRecord(native, "user.vesk.sha256");
+        QCOMPARE(record.size(), 6);
+        QCOMPARE(record[2], QByteArray("1000000000000000005"));
+        QCOMPARE(record[5], value.toLatin1());
+        // Another size is other contents: nothing is carried over.
+        QVERIFY(writePatternFile(path, 100001, 4));
+        VESK::verify::adoptKeptValue(path, "sha256");
+        QCOMPARE(keptRecord(native, "user.vesk.sha256")[1], QByteArray("100000"));
+        QCOMPARE(b.getFileVerifyValue(path, "sha256"), toolDigest("sha256sum", path));
     }
 
     void xxh3OfEmptyFileIsTheKnownValue() {

@@ -9,7 +9,13 @@
 #include <QFile>
 #include <QTest>
 
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
 #include <fstream>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <vector>
 
 using namespace vesktest;
 using VESK::HandlerInternals;
@@ -198,6 +204,39 @@ private slots:
         QCOMPARE(in.getStream(), static_cast<std::fstream*>(nullptr));
         QVERIFY(in.destroyStream());
         QCOMPARE(openDescriptorCount(), before);
+    }
+
+    void failedDuplicateLogsTheErrorNumberFdopenLeaves() {
+        QTemporaryDir dir;
+        QString path = dir.path() + "/file.bin";
+        QVERIFY(writeText(path, "abc"));
+        VeskHandler2_0_0 h;
+        HandlerInternals in(h);
+        LogCapture logs(&h);
+
+        // Fill the descriptor table but one slot: the QFile open takes it, the dup then fails
+        // with EMFILE, and fdopen on the failed descriptor leaves EBADF.
+        rlimit old{};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &old), 0);
+        rlimit low = old;
+        low.rlim_cur = std::min<rlim_t>(old.rlim_cur, 256);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &low), 0);
+        std::vector<int> fillers;
+        for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;)
+            fillers.push_back(fd);
+        QVERIFY(!fillers.empty());
+        ::close(fillers.back());
+        fillers.pop_back();
+        const bool opened = in.createStream(path, kRead);
+        for (int fd : fillers)
+            ::close(fd);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &old), 0);
+
+        QVERIFY(!opened);
+        QCOMPARE(logs.messages("error"),
+                 QStringList{QString("createStream: Fd open file %1 failed.error %2")
+                                 .arg(path, QString::number(EBADF))});
+        QCOMPARE(in.getStream(), static_cast<std::fstream*>(nullptr));
     }
 
     void setStreamStoresPointerWithoutDeletingOld() {

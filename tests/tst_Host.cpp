@@ -8,6 +8,7 @@
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -25,10 +26,17 @@
 #include <QSysInfo>
 
 #include <atomic>
+#include <cmath>
 #include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <memory>
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 using namespace vesktest;
 
@@ -144,6 +152,100 @@ QString partialOf(const QString& destination) {
     const QFileInfo info(destination);
     return info.path() + "/." + info.fileName() + ".vesk-part";
 }
+
+// vesk run in a pseudo-terminal of its own, as a person at a terminal runs it: stderr is a
+// terminal (so the progress line is drawn), and ^C typed on it is the terminal's interrupt.
+class PtyProcess {
+public:
+    ~PtyProcess() {
+        if (m_pid > 0 && !m_finished) {
+            ::kill(m_pid, SIGKILL);
+            wait(5000);
+        }
+        if (m_master >= 0)
+            ::close(m_master);
+    }
+
+    bool start(const QStringList& args) {
+        QList<QByteArray> argv{QFile::encodeName(kVesk)};
+        for (const QString& a : args)
+            argv << a.toLocal8Bit();
+        std::vector<char*> raw;
+        for (QByteArray& a : argv)
+            raw.push_back(a.data());
+        raw.push_back(nullptr);
+        winsize size{};
+        size.ws_col = 120;
+        size.ws_row = 24;
+        m_pid = ::forkpty(&m_master, nullptr, nullptr, &size);
+        if (m_pid == 0) {
+            ::execv(raw[0], raw.data());
+            ::_exit(127);
+        }
+        if (m_pid < 0)
+            return false;
+        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
+        return true;
+    }
+
+    pid_t pid() const { return m_pid; }
+
+    // Types `text` on the terminal.
+    void type(const char* text) {
+        const ssize_t n = ::write(m_master, text, std::strlen(text));
+        Q_UNUSED(n)
+    }
+
+    // Everything the terminal showed so far.
+    QString output() {
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(m_master, buffer, sizeof buffer)) > 0;)
+            m_output += QByteArray(buffer, int(n));
+        return QString::fromUtf8(m_output);
+    }
+
+    // Waits (bounded) until the output contains `text`.
+    bool waitForOutput(const QString& text, int timeoutMs = 20000) {
+        QElapsedTimer clock;
+        clock.start();
+        while (!output().contains(text)) {
+            if (clock.elapsed() > timeoutMs || (m_finished || reaped()))
+                return output().contains(text);
+            QThread::msleep(10);
+        }
+        return true;
+    }
+
+    // Waits (bounded) for the end; the exit status, or -1.
+    int wait(int timeoutMs = 20000) {
+        QElapsedTimer clock;
+        clock.start();
+        while (!reaped() && clock.elapsed() < timeoutMs) {
+            output();
+            QThread::msleep(10);
+        }
+        output();
+        return m_finished ? m_status : -1;
+    }
+
+private:
+    bool reaped() {
+        if (m_finished)
+            return true;
+        int status = 0;
+        if (::waitpid(m_pid, &status, WNOHANG) != m_pid)
+            return false;
+        m_finished = true;
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return true;
+    }
+
+    pid_t m_pid = -1;
+    int m_master = -1;
+    bool m_finished = false;
+    int m_status = -1;
+    QByteArray m_output;
+};
 
 // A `vesk serve` process on 127.0.0.1 with a port of its own choosing.
 class ServeProcess {
@@ -406,6 +508,16 @@ private slots:
         QTest::newRow("unknown verify method")
             << QStringList{"upload", "--verify", "crc", "a.txt", "vesk://127.0.0.1:1/a"}
             << "unknown verify method 'crc'";
+        QTest::newRow("verify and no-verify")
+            << QStringList{"upload",      "--verify", "md5",
+                           "--no-verify", "a.txt",    "vesk://127.0.0.1:1/a"}
+            << "--verify and --no-verify exclude each other";
+        QTest::newRow("replace and ignore-existing")
+            << QStringList{"download", "--replace", "--ignore-existing", "vesk://127.0.0.1:1/a/f"}
+            << "--replace and --ignore-existing exclude each other";
+        QTest::newRow("verify false is not a method")
+            << QStringList{"download", "--verify", "false", "vesk://127.0.0.1:1/a/f"}
+            << "unknown verify method 'false'";
         QTest::newRow("rate with a unit of its own")
             << QStringList{"upload", "--max-rate", "5MB/s", "a.txt", "vesk://127.0.0.1:1/a"}
             << "--max-rate takes bytes per second";
@@ -545,10 +657,189 @@ private slots:
         const QString original = s.local() + "/same.bin";
         QVERIFY(writePatternFile(original, 100000, 4));
         QCOMPARE(runVesk({"upload", original, server.url("appA")}).code, 0);
-        const Run again = runVesk({"upload", "--verify", "md5", original, server.url("appA")});
+        QVERIFY(!server.waitForLine(QRegularExpression(" upload .* 100000 bytes .* success$"))
+                     .isEmpty());
+        const Run again = runVesk({"upload", original, server.url("appA")});
         QCOMPARE(again.code, 0);
-        QVERIFY2(again.err.contains("is already on the server; nothing sent"),
+        QVERIFY2(again.err.contains("is already identical on the server; nothing sent"),
                  qPrintable(again.err));
+        QVERIFY(
+            !server.waitForLine(QRegularExpression(" upload .* 0 bytes .* success$")).isEmpty());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void editedReuploadReplacesTheServerCopy() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString original = s.local() + "/edited.bin";
+        QVERIFY(writePatternFile(original, 300000, 4));
+        QCOMPARE(runVesk({"upload", original, server.url("appA")}).code, 0);
+        // A same-size edit that even keeps the modification time: only the contents differ.
+        const QDateTime mtime = QFileInfo(original).lastModified();
+        QVERIFY(writePatternFile(original, 300000, 5));
+        QFile touched(original);
+        QVERIFY(touched.open(QIODevice::ReadWrite) &&
+                touched.setFileTime(mtime, QFileDevice::FileModificationTime));
+        touched.close();
+        const Run again = runVesk({"upload", original, server.url("appA")});
+        QCOMPARE(again.code, 0);
+        QVERIFY2(again.err.startsWith("vesk: uploaded edited.bin"), qPrintable(again.err));
+        QVERIFY(sameContents(original, s.appA() + "/edited.bin"));
+
+        // --ignore-existing keeps the server's copy by its name alone.
+        QVERIFY(writePatternFile(original, 300000, 6));
+        const Run kept = runVesk({"upload", "--ignore-existing", original, server.url("appA")});
+        QCOMPARE(kept.code, 0);
+        QVERIFY2(kept.err.contains("already exists on the server; kept"), qPrintable(kept.err));
+        QVERIFY(!sameContents(original, s.appA() + "/edited.bin"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void downloadReplacesAChangedLocalCopyAndKeepsAnIdenticalOne() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        const QString original = s.appA() + "/d.bin";
+        QVERIFY(writePatternFile(original, 400000, 21));
+        const QString destination = s.local() + "/d.bin";
+        QVERIFY(writePatternFile(destination, 400000, 22));
+
+        Run run = runVesk({"download", server.url("appA/d.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.startsWith("vesk: downloaded "), qPrintable(run.err));
+        QVERIFY(sameContents(original, destination));
+
+        run = runVesk({"download", server.url("appA/d.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("is already identical to the server's copy; nothing received"),
+                 qPrintable(run.err));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void downloadThatCannotReachTheServerNeverSucceeds() {
+        Scratch s;
+        const QString destination = s.local() + "/here.bin";
+        QVERIFY(writePatternFile(destination, 1000, 3));
+        // Nobody listens there: a local file of that name proves nothing.
+        const Run run = runVesk({"download", "vesk://127.0.0.1:1/appA/here.bin", s.local()});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.startsWith("vesk: cannot reach 127.0.0.1:1"), qPrintable(run.err));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+
+        // A server that has no such application or no such file says so.
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        Run refused = runVesk({"download", server.url("appC/here.bin"), s.local()});
+        QCOMPARE(refused.code, 1);
+        QVERIFY2(refused.err.contains("unknown application 'appC'"), qPrintable(refused.err));
+        refused = runVesk({"download", server.url("appA/here.bin"), s.local()});
+        QCOMPARE(refused.code, 1);
+        QVERIFY2(refused.err.contains("no such file on the server: /here.bin"),
+                 qPrintable(refused.err));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void downloadOfADirectorySaysSoAndLeavesNothing() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA() + "/docs/sub"));
+        const Run run = runVesk({"download", server.url("appA/docs"), s.local()});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; vesk downloads one "
+                                  "file at a time (vesk ls lists the directory)\n"),
+                 qPrintable(run.err));
+        QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // The client downloads into a 2 MiB tmpfs of its own mount namespace.
+    void fullLocalDiskIsNamedWithThePath() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(writePatternFile(s.appA() + "/wide.bin", 8 * 1024 * 1024, 9));
+        const QString small = s.local() + "/small";
+        QVERIFY(QDir().mkpath(small));
+        const QStringList unshare = ::geteuid() == 0 ? QStringList{"-m"} : QStringList{"-r", "-m"};
+        QProcess probe;
+        probe.start("unshare",
+                    unshare + QStringList{"sh", "-c", "mount -t tmpfs -o size=2m tmpfs " + small});
+        if (!probe.waitForFinished(10000) || probe.exitCode() != 0)
+            QSKIP("mounting a tmpfs is not allowed here (needs root or user namespaces)");
+
+        QProcess client;
+        client.start("unshare",
+                     unshare + QStringList{"sh", "-c",
+                                           QString("mount -t tmpfs -o size=2m tmpfs '%1' && exec "
+                                                   "'%2' download '%3' '%1'")
+                                               .arg(small, kVesk, server.url("appA/wide.bin"))});
+        QVERIFY(client.waitForFinished(60000));
+        const QString err = QString::fromUtf8(client.readAllStandardError());
+        QCOMPARE(client.exitCode(), 1);
+        QVERIFY2(err.contains(
+                     QString("vesk: the local disk is full: cannot write %1/wide.bin").arg(small)),
+                 qPrintable(err));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void changedSourceBetweenTwoAttemptsEndsIdenticalToTheNewSource() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+
+        // Upload: the server holds a partial file of an older version of the source.
+        const QString source = s.local() + "/u.bin";
+        QVERIFY(writePatternFile(source, 3 * 1024 * 1024, 31));
+        const QString uploaded = s.appA() + "/u.bin";
+        QVERIFY(writePatternFile(partialOf(uploaded), 1024 * 1024, 32));
+        Run run = runVesk({"upload", source, server.url("appA")});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("starting again from the beginning"), qPrintable(run.err));
+        QVERIFY(sameContents(source, uploaded));
+        QVERIFY(!QFileInfo::exists(partialOf(uploaded)));
+
+        // Download: the local partial file came from an older version of the server's file.
+        const QString served = s.appA() + "/v.bin";
+        QVERIFY(writePatternFile(served, 3 * 1024 * 1024, 33));
+        const QString destination = s.local() + "/v.bin";
+        QVERIFY(writePatternFile(partialOf(destination), 1024 * 1024, 34));
+        run = runVesk({"download", server.url("appA/v.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("starting again from the beginning"), qPrintable(run.err));
+        QVERIFY(sameContents(served, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void secondDownloadIntoTheSameFileIsRefusedWhileTheFirstRuns() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        const QString destination = s.local() + "/big.bin";
+
+        QProcess first;
+        startVesk(first, {"download", server.url("appA/big.bin"), s.local()});
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        const Run second = runVesk({"download", server.url("appA/big.bin"), s.local()});
+        QCOMPARE(second.code, 1);
+        QVERIFY2(second.err.contains("another transfer of this file is in progress"),
+                 qPrintable(second.err));
+
+        // The lock dies with its holder, even by kill -9; the next run resumes.
+        signalProcess(first, SIGKILL);
+        QVERIFY(first.waitForFinished(20000));
+        const Run resumed = runVesk({"download", server.url("appA/big.bin"), s.local()});
+        QCOMPARE(resumed.code, 0);
+        QVERIFY(sameContents(m_big, destination));
         QCOMPARE(server.stop(), 0);
     }
 
@@ -580,18 +871,14 @@ private slots:
         const QString destination = s.appA() + "/p.bin";
         QVERIFY(writePatternFile(partialOf(destination), 5000, 15));
 
-        // The server appends to its partial file; the verification catches it and removes it.
-        Run run = runVesk({"upload", "--replace", original, server.url("appA")});
-        QCOMPARE(run.code, 1);
-        QCOMPARE(run.err, QString("vesk: verification failed: the copy differs from the original "
-                                  "and its partial data was removed; run the same command "
-                                  "again\n"));
-        QVERIFY(!QFileInfo::exists(destination));
-        QVERIFY(!QFileInfo::exists(partialOf(destination)));
-
-        run = runVesk({"upload", "--replace", original, server.url("appA")});
+        // The server appends to its partial file; the verification catches it and removes it,
+        // and the client starts once more from 0 by itself.
+        const Run run = runVesk({"upload", "--replace", original, server.url("appA")});
         QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.startsWith("vesk: the copy did not match its source"),
+                 qPrintable(run.err));
         QVERIFY(sameContents(original, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(server.stop(), 0);
     }
 
@@ -871,6 +1158,64 @@ private slots:
         QVERIFY2(err.endsWith("vesk: cancelled; the partial file was removed\n"), qPrintable(err));
         QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(QFileInfo(destination).size(), 1ll << 30);
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // Ctrl-C typed twice on the terminal: the first pauses and the process stays long enough
+    // for the second, which cancels and removes the partial download.
+    void twoCtrlCOnATerminalCancelTheDownload() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        const QString destination = s.local() + "/big.bin";
+
+        PtyProcess client;
+        QVERIFY(client.start({"download", server.url("appA/big.bin"), s.local()}));
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        client.type("\x03");
+        QVERIFY2(client.waitForOutput("Ctrl-C again cancels"), qPrintable(client.output()));
+        // The task has stopped by now; the partial file is still there.
+        QThread::msleep(300);
+        QVERIFY(QFileInfo::exists(partialOf(destination)));
+        client.type("\x03");
+        QCOMPARE(client.wait(), 130);
+        QVERIFY2(client.output().contains("vesk: cancelled; the partial file was removed"),
+                 qPrintable(client.output()));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
+        QVERIFY(!QFileInfo::exists(destination));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // The upload's progress line follows what the server received, not what was handed to the
+    // transport: mid-transfer at --max-rate 2M it is within 10 % of the server's partial file.
+    void uploadProgressShowsWhatTheServerReceived() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        constexpr qint64 kSize = 32ll << 20;
+        const QString original = s.local() + "/slow.bin";
+        QVERIFY(writePatternFile(original, kSize, 8));
+        const QString partial = partialOf(s.appA() + "/slow.bin");
+
+        PtyProcess client;
+        QVERIFY(client.start({"upload", "--max-rate", "2M", original, server.url("appA")}));
+        QVERIFY(waitForSizeAbove(partial, kSize / 2, 60000));
+        const qint64 received = QFileInfo(partial).size();
+        const QString shown = client.output();
+        ::kill(client.pid(), SIGKILL);
+
+        // The last progress line drawn: " 17.3 MiB / 32.0 MiB ...".
+        const QRegularExpression line("([0-9.]+) MiB / 32\\.0 MiB");
+        QRegularExpressionMatchIterator it = line.globalMatch(shown);
+        double mib = -1;
+        while (it.hasNext())
+            mib = it.next().captured(1).toDouble();
+        QVERIFY2(mib >= 0, qPrintable(shown));
+        const double truth = double(received) / (1 << 20);
+        QVERIFY2(std::abs(mib - truth) <= 0.1 * truth,
+                 qPrintable(QString("shown %1 MiB, received %2 MiB").arg(mib).arg(truth)));
         QCOMPARE(server.stop(), 0);
     }
 

@@ -79,8 +79,9 @@ bool VeskHandler2_0_0::createStream(QString& path, int mode) {
     delete m_file;
     m_file = nullptr;
 
-    // fdopen with "a" also sets O_APPEND on the descriptor, so every write appends.
-    FILE* file = fd < 0 ? nullptr : ::fdopen(fd, stdioMode);
+    // fdopen with "a" also sets O_APPEND on the descriptor, so every write appends. A failed
+    // duplicate goes to fdopen as well: the error number logged is the one fdopen leaves.
+    FILE* file = ::fdopen(fd, stdioMode);
     if (!file) {
         const int error = errno;
         log("error", QString("%1: Fd open file %2 failed.error %3")

@@ -11,6 +11,7 @@
 #include "SignalHandling.h"
 #include "StallWatch.h"
 #include "TaskLog.h"
+#include "Transfer.h"
 #include "Url.h"
 #include "base/Net.h"
 
@@ -19,11 +20,13 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 #include <udt/udt.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -34,22 +37,29 @@ namespace host {
 namespace {
 
 const char* const kAppVersion = "2.0.0";
-const QStringList kVerifyMethods{"false", "fileattr", "md5", "sha1", "sha256", "xxh3"};
+const QStringList kVerifyMethods{"fileattr", "md5", "sha1", "sha256", "xxh3"};
 // How often the progress line is redrawn and interrupts are looked at.
 constexpr int kPollMs = 100;
+// How long after a first Ctrl-C the process stays, so that a second one can still cancel.
+constexpr int kSecondInterruptMs = 2000;
 
 // ---- Options shared by the client commands ----------------------------------------------------
 
 const QCommandLineOption kRoot("root", "Root directory inside the application's directory.", "R");
 const QCommandLineOption kVerify("verify",
-                                 "Verify the copy with METHOD: fileattr, md5, sha1, sha256 or "
-                                 "xxh3 (default: no verification).",
-                                 "METHOD", "false");
+                                 "Verify the copy, and compare an existing destination, with "
+                                 "METHOD: fileattr (size and modification time), md5, sha1, "
+                                 "sha256 or xxh3 (default: xxh3).",
+                                 "METHOD", "xxh3");
+const QCommandLineOption kNoVerify("no-verify",
+                                   "Do not read the files to verify the copy: compare sizes and "
+                                   "modification times only (the same as --verify fileattr).");
+const QCommandLineOption kIgnoreExisting(
+    "ignore-existing",
+    "Keep an existing destination file without comparing it (an upload is then not verified).");
 const QCommandLineOption kReplace("replace",
-                                  "Replace an existing file, and start over instead of resuming. "
-                                  "An upload with --replace is verified (xxh3 unless --verify "
-                                  "names a method): the server appends to a partial file it may "
-                                  "still hold, and only verification catches that.");
+                                  "Start over from the beginning instead of resuming a partial "
+                                  "transfer.");
 const QCommandLineOption kQuiet("quiet", "No progress line and no message on success.");
 const QCommandLineOption kStallTimeout(
     "stall-timeout",
@@ -86,6 +96,8 @@ struct ClientTask {
     qint64 maxRate = 0;    // bytes per second this side sends at most; 0: no cap
     bool counters = false; // upload and download report progress through the two counters
     bool json = false;
+    bool ignoreExisting = false;
+    bool silent = false; // a listing whose entries are not printed
 };
 
 struct TaskResult {
@@ -99,6 +111,8 @@ struct TaskResult {
     qint64 total = 0;
     qint64 moved = 0;
     double seconds = 0.0;
+    // A second Ctrl-C came after the task had already stopped at the first.
+    bool cancelledAfterPause = false;
 };
 
 // Reads the URL (positional argument `urlIndex`) and the options every client command has;
@@ -122,21 +136,26 @@ int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task)
     return -1;
 }
 
-// Reads --verify and --replace (upload and download); -1 to go on, else the exit status.
+// Reads --verify, --no-verify, --ignore-existing and --replace (upload and download); -1 to go
+// on, else the exit status. Transfer.h explains how they map onto the handler's switches.
 int readTransferOptions(const QCommandLineParser& parser, ClientTask& task) {
-    const QString method = parser.value(kVerify);
-    if (!kVerifyMethods.contains(method))
+    TransferChoice choice;
+    choice.method = parser.isSet(kNoVerify) ? QStringLiteral("fileattr") : parser.value(kVerify);
+    if (!kVerifyMethods.contains(choice.method))
         return usageError(task.command, QString("unknown verify method '%1' (one of %2)")
-                                            .arg(method, kVerifyMethods.mid(1).join(", ")));
-    const bool replace = parser.isSet(kReplace);
-    // The upload server restarts a replaced file at offset 0 but appends to its partial file;
-    // verification turns the mixed result into a failure that removes it, instead of a
-    // silently wrong copy.
-    const bool verifyReplacedUpload = replace && task.op == QLatin1String("upload");
-    task.params.insert("bVerify", method == QLatin1String("false") && verifyReplacedUpload
-                                      ? QStringLiteral("xxh3")
-                                      : method);
-    task.params.insert("bReplace", replace ? "true" : "false");
+                                            .arg(choice.method, kVerifyMethods.join(", ")));
+    if (parser.isSet(kNoVerify) && parser.isSet(kVerify))
+        return usageError(task.command, "--verify and --no-verify exclude each other");
+    choice.replace = parser.isSet(kReplace);
+    choice.ignoreExisting = parser.isSet(kIgnoreExisting);
+    if (choice.replace && choice.ignoreExisting)
+        return usageError(task.command, "--replace and --ignore-existing exclude each other");
+    // Only an upload needs the handler to keep by name; a download client checks that itself.
+    if (choice.ignoreExisting && task.op == QLatin1String("upload"))
+        choice.method = QStringLiteral("false");
+    task.params.insert("bVerify", choice.method);
+    task.params.insert("bReplace", choice.replace ? "true" : "false");
+    task.ignoreExisting = choice.ignoreExisting;
     task.counters = true;
     return -1;
 }
@@ -214,12 +233,17 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
 
 // Runs process() on a worker thread while this thread draws progress. Ctrl-C pauses the
 // handler and closes the socket, so a transfer blocked in UDT returns at once; a second Ctrl-C
-// turns the pause into a cancel. A task that makes no progress for the stall timeout is stopped
-// the way the first Ctrl-C stops it.
+// turns the pause into a cancel. The task usually stops well before a person can press Ctrl-C
+// again, so after a first Ctrl-C the process stays for kSecondInterruptMs to give the second
+// one its chance (result.cancelledAfterPause). A task that makes no progress for the stall
+// timeout is stopped the way the first Ctrl-C stops it.
 bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, const qint64* total,
                          const qint64* offset, TaskResult& result) {
     std::atomic<int> interrupts{0};
-    setInterruptReaction([handler, socket, &interrupts](int, int count) {
+    std::atomic<int> firstSignal{0};
+    setInterruptReaction([handler, socket, &interrupts, &firstSignal](int signal, int count) {
+        if (count == 1)
+            firstSignal.store(signal);
         interrupts.store(count);
         if (count == 1) {
             handler->pause();
@@ -245,7 +269,23 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
     });
 
     ProgressBar progress(total, offset, task.counters && !task.quiet && stderrIsTerminal());
+    // An upload's bar counts what the server acknowledged, not what was handed to UDT.
+    if (task.op == QLatin1String("upload"))
+        progress.setUnacknowledged([socket] { return unacknowledgedBytes(socket); });
+    progress.setVerifying(task.params.value("bVerify") != QLatin1String("false") &&
+                          task.params.value("bVerify") != QLatin1String("fileattr"));
     bool drawing = true;
+    QElapsedTimer sinceInterrupt;
+    // Says once that the task is stopping; the task may also have ended before this saw it.
+    auto noticeInterrupt = [&] {
+        if (interrupts.load() == 0 || sinceInterrupt.isValid())
+            return;
+        sinceInterrupt.start();
+        if (drawing)
+            progress.finish();
+        drawing = false;
+        printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
+    };
     std::unique_ptr<StallWatch> watch;
     for (;;) {
         {
@@ -260,15 +300,18 @@ bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, 
             handler->pause();
             UDT::close(socket);
         }
-        if (interrupts.load() > 0 && drawing) {
-            progress.finish();
-            drawing = false;
-            printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
-        }
+        noticeInterrupt();
         if (drawing)
             progress.update();
     }
     worker.join();
+    noticeInterrupt();
+    if (!ok && interrupts.load() == 1 && firstSignal.load() == SIGINT &&
+        handler->getLastError() == QLatin1String("pause")) {
+        while (interrupts.load() == 1 && sinceInterrupt.elapsed() < kSecondInterruptMs)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        result.cancelledAfterPause = interrupts.load() > 1;
+    }
     // The old reaction is not running once this returns: it captured locals of this frame.
     setInterruptReaction(nullptr);
     if (drawing)
@@ -296,7 +339,7 @@ int runTask(const ClientTask& task, TaskResult& result) {
     qint64 offset = 0;
     configure(handler.get(), task, socket.get(), &total, &offset);
     TaskLog log(handler.get());
-    if (task.op == QLatin1String("list")) {
+    if (task.op == QLatin1String("list") && !task.silent) {
         const bool json = task.json;
         QObject::connect(handler.get(), &VeskBase::sigList,
                          [json](QMap<QString, QString> chunk) { printChunk(chunk, json); });
@@ -364,19 +407,66 @@ bool wasSecondPass(const TaskResult& r) {
     return false;
 }
 
+// The server answers a download of a directory as if it were a file and then gives up before
+// the first byte; the transfer breaks off. A listing of that path tells the two apart.
+bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed) {
+    static const QRegularExpression brokeOff("^downloadRequest: recvfile .* failed\\.");
+    if (failed.errors.filter(brokeOff).isEmpty())
+        return false;
+    ClientTask probe(download.command, "list");
+    probe.url = download.url;
+    probe.plugins = download.plugins;
+    probe.quiet = true;
+    probe.silent = true;
+    probe.stallTimeout = download.stallTimeout;
+    probe.params.insert("rootPath", download.params.value("rootPath"));
+    probe.params.insert("srcPath", download.url.path);
+    TaskResult listed;
+    return runTask(probe, listed) < 0 && listed.ok;
+}
+
 // Runs the task and reports it: a message on success (unless --quiet), one sentence on failure.
-int runAndReport(const ClientTask& task, const std::function<QString(const TaskResult&)>& done) {
+// `prepare`, when given, runs before each attempt (-1 to go on, else the exit status). A copy
+// that fails its final verification has lost its partial file, so it is run once more from 0.
+int runAndReport(const ClientTask& task, const std::function<QString(const TaskResult&)>& done,
+                 const std::function<int()>& prepare = nullptr) {
     TaskResult r;
-    const int early = runTask(task, r);
-    if (early >= 0)
-        return early;
+    for (int attempt = 1;; ++attempt) {
+        if (prepare) {
+            if (const int status = prepare(); status >= 0)
+                return status;
+        }
+        r = TaskResult();
+        const int early = runTask(task, r);
+        if (early >= 0)
+            return early;
+        if (r.ok || r.interrupted || r.stalled || !verificationFailed(r.errors))
+            break;
+        if (attempt == 2) {
+            printErr(QString("vesk: verification failed again: the copy of %1 differs from its "
+                             "source; it was removed (is the source being changed while it is "
+                             "copied?)")
+                         .arg(task.op == QLatin1String("upload") ? task.url.toString()
+                                                                 : task.localPath));
+            return kExitFailed;
+        }
+        printErr("vesk: the copy did not match its source (it changed since the partial "
+                 "transfer?); starting again from the beginning");
+    }
     if (!r.ok && r.stalled && !r.interrupted && r.lastError == QLatin1String("pause")) {
         printErr("vesk: " + stalledText(task));
         return kExitFailed;
     }
     if (!r.ok && r.interrupted &&
         (r.lastError == QLatin1String("pause") || r.lastError == QLatin1String("cancel"))) {
-        printErr("vesk: " + interruptedText(task, r.lastError));
+        QString stop = r.lastError;
+        if (r.cancelledAfterPause) {
+            stop = QStringLiteral("cancel");
+            // The task had already stopped, so its cancel came too late to clean up.
+            if (task.op == QLatin1String("download"))
+                QFile::remove(VeskBase::tmpFilePathFor(task.localPath));
+        }
+        printErr("vesk: " + interruptedText(task, stop));
         return kExitInterrupted;
     }
     if (r.ok) {
@@ -384,6 +474,12 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
         if (!task.quiet && !text.isEmpty())
             printErr("vesk: " + text);
         return kExitOk;
+    }
+    if (task.op == QLatin1String("download") && r.moved == 0 && isDirectoryOnServer(task, r)) {
+        printErr(QString("vesk: %1 is a directory on the server; vesk downloads one file at a "
+                         "time (vesk ls lists the directory)")
+                     .arg(task.url.path));
+        return kExitFailed;
     }
     printErr("vesk: " +
              clientFailureSentence({task.op, task.url, task.localPath, r.lastError, r.errors}));
@@ -396,15 +492,17 @@ const char* const kUrlForm = "vesk://[USER@]HOST:PORT/APPKEY/PATH";
 
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions(
-        {kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kMaxRate, kSecretFile, pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
+                       kMaxRate, kSecretFile, pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
         "upload", "LOCAL_FILE URL_OF_DIR",
-        "Uploads LOCAL_FILE into a directory of an application on a vesk server. An interrupted "
-        "upload (Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels.",
-        "  vesk upload ./report.pdf vesk://127.0.0.1:9000/appA/docs --verify xxh3"};
+        "Uploads LOCAL_FILE into a directory of an application on a vesk server. A file already "
+        "there is replaced when it differs and left alone when it is identical; every copy is "
+        "verified (xxh3 by default). An interrupted upload (Ctrl-C) resumes when the same "
+        "command runs again; a second Ctrl-C cancels.",
+        "  vesk upload ./report.pdf vesk://127.0.0.1:9000/appA/docs"};
     const int parsed = parseCommand(parser, args, help, 2, 2);
     if (parsed >= 0)
         return parsed;
@@ -432,16 +530,18 @@ int runUpload(const QStringList& args) {
 
     const QString target = task.url.toString() + '/' + local.fileName();
     return runAndReport(task, [&](const TaskResult& r) {
+        if (wasSecondPass(r) && task.ignoreExisting)
+            return QString("%1 already exists on the server; kept (--ignore-existing)").arg(target);
         if (wasSecondPass(r))
-            return QString("%1 is already on the server; nothing sent").arg(target);
+            return QString("%1 is already identical on the server; nothing sent").arg(target);
         return QString("uploaded %1 to %2: %3").arg(local.fileName(), target, rateText(r));
     });
 }
 
 int runDownload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions(
-        {kRoot, kVerify, kReplace, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
+                       kSecretFile, pluginsOption()});
     parser.addPositionalArgument("URL_OF_FILE",
                                  QString("The file on the server: %1.").arg(kUrlForm));
     parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
@@ -450,7 +550,8 @@ int runDownload(const QStringList& args) {
         "download", "URL_OF_FILE [LOCAL_DIR]",
         "Downloads one file of an application from a vesk server. An interrupted download "
         "(Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels and removes "
-        "the partial file. An existing local file is kept unless --replace or --verify is given.",
+        "the partial file. An existing local file is replaced when it differs from the server's "
+        "copy and left alone when it is identical; every copy is verified (xxh3 by default).",
         "  vesk download vesk://127.0.0.1:9000/appA/docs/report.pdf ~/Downloads"};
     const int parsed = parseCommand(parser, args, help, 1, 2);
     if (parsed >= 0)
@@ -470,32 +571,52 @@ int runDownload(const QStringList& args) {
     task.params.insert("srcPath", task.url.directory());
     task.params.insert("destPath", localDir);
 
-    // With --replace the handler starts at offset 0 but appends to a partial file it finds;
-    // the partial file is the client's own, so it goes first and the download starts clean.
-    if (parser.isSet(kReplace)) {
-        const QString partial = VeskBase::tmpFilePathFor(task.localPath);
-        if (QFileInfo::exists(partial) && !QFile::remove(partial)) {
-            printErr(QString("vesk: cannot remove the partial file %1").arg(partial));
-            return kExitFailed;
-        }
-    }
-    // The handler keeps an existing file without asking the server; say so instead of
-    // connecting for nothing.
-    if (QFileInfo::exists(task.localPath) && !parser.isSet(kReplace) &&
-        task.params.value("bVerify") == QLatin1String("false")) {
+    if (task.ignoreExisting && QFileInfo::exists(task.localPath)) {
         if (!task.quiet)
-            printErr(QString("vesk: %1 already exists; nothing downloaded (--replace downloads "
-                             "it again, --verify METHOD compares it with the server's copy)")
-                         .arg(task.localPath));
+            printErr(
+                QString("vesk: %1 already exists; kept (--ignore-existing)").arg(task.localPath));
         return kExitOk;
     }
-    return runAndReport(task, [&](const TaskResult& r) {
-        if (wasSecondPass(r))
-            return QString("%1 already holds the server's copy; nothing received")
-                .arg(task.localPath);
-        return QString("downloaded %1 to %2: %3")
-            .arg(task.url.toString(), task.localPath, rateText(r));
-    });
+    // Each attempt holds the lock on the partial file; a failed verification removed the old
+    // one, so a second attempt locks the file it starts anew.
+    std::unique_ptr<PartialFileLock> lock;
+    const QString partial = VeskBase::tmpFilePathFor(task.localPath);
+    const bool replace = parser.isSet(kReplace);
+    auto prepare = [&]() -> int {
+        lock.reset();
+        // The handler would create the directory too; the lock needs it first.
+        QDir().mkpath(localDir);
+        lock = std::make_unique<PartialFileLock>(partial);
+        if (lock->state() == PartialFileLock::State::Busy) {
+            printErr(QString("vesk: another transfer of this file is in progress: %1")
+                         .arg(task.localPath));
+            return kExitFailed;
+        }
+        if (lock->state() == PartialFileLock::State::Failed) {
+            printErr(
+                QString("vesk: cannot create the partial file %1: %2").arg(partial, lock->error()));
+            return kExitFailed;
+        }
+        // With --replace the handler starts at offset 0 but appends to the partial file it
+        // finds; the partial file is the client's own, so it is emptied and the download
+        // starts clean.
+        if (replace && !lock->truncate()) {
+            printErr(QString("vesk: cannot empty the partial file %1").arg(partial));
+            return kExitFailed;
+        }
+        return -1;
+    };
+    return runAndReport(
+        task,
+        [&](const TaskResult& r) {
+            keepVerifiedValue(task.localPath, task.params.value("bVerify"));
+            if (wasSecondPass(r))
+                return QString("%1 is already identical to the server's copy; nothing received")
+                    .arg(task.localPath);
+            return QString("downloaded %1 to %2: %3")
+                .arg(task.url.toString(), task.localPath, rateText(r));
+        },
+        prepare);
 }
 
 int runList(const QStringList& args) {

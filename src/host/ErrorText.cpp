@@ -2,7 +2,9 @@
 
 #include "HostHello.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
+#include <QStorageInfo>
 
 namespace VESK {
 namespace host {
@@ -38,9 +40,22 @@ QString remoteName(const VeskUrl& url) {
     return url.path.isEmpty() ? QStringLiteral("/") : url.path;
 }
 
+// Less free space than this beside a download that broke off: the disk filled up.
+constexpr qint64 kNearlyFullBytes = 1024 * 1024;
+
+bool localDiskFull(const QString& path) {
+    const QStorageInfo storage(QFileInfo(path).absolutePath());
+    return storage.isValid() && storage.bytesAvailable() < kNearlyFullBytes;
+}
+
 QString localProblem(const ClientFailure& f) {
     const QStringList& e = f.errors;
     QRegularExpressionMatch m;
+    if (f.op == QLatin1String("download") && hasLine(e, "recvfile .* failed\\..*") &&
+        localDiskFull(f.localPath))
+        return QString("the local disk is full: cannot write %1 (the part received stays beside "
+                       "it; free some space and run the same command again)")
+            .arg(f.localPath);
     if ((m = matchLine(e, "file (.*) not exist\\.")).hasMatch())
         return QString("no such local file: %1").arg(m.captured(1));
     if (hasLine(e, "calc FileVerifyValue failed\\."))
@@ -70,14 +85,19 @@ QString conversationProblem(const ClientFailure& f) {
                        "with --replace");
     if (hasLine(e, "(sendfile|recvfile) .* failed\\..*"))
         // The client cannot tell a network failure from a server that gave up (a full disk
-        // ends the transfer the same way), so it points to the server's log as well.
-        return QString("the transfer broke off; the part already moved stays and the same "
-                       "command resumes from it (when the server ended it, its log says why, "
-                       "for example a full disk)");
+        // ends the transfer the same way), so it promises a resume only for the first.
+        return QString("the transfer broke off: the connection failed or the server ended it "
+                       "(its log says why, for example a full disk). The part already moved "
+                       "stays; once the cause is gone the same command resumes from it");
     if (hasLine(e, "recv TaskParamAck failed\\."))
         return QString("the server ended the task without an answer (see the server's log)");
     if (hasLine(e, "recv ListContent failed\\."))
         return QString("the listing broke off: the server ended the task (see the server's log)");
+    if (f.op == QLatin1String("upload") && hasLine(e, "recv (FileVerifyResult|8) failed\\."))
+        // All data was sent; the server ended the task instead of confirming it.
+        return QString("the server could not store %1: it received the data but did not "
+                       "confirm it (its log says why, for example a full disk)")
+            .arg(remoteName(f.url));
     if (hasLine(e, "recv (FileVerifyResult|8) failed\\."))
         return QString("the connection broke before the server confirmed %1; run the same "
                        "command again")

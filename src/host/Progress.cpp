@@ -20,9 +20,21 @@ qint64 ProgressBar::read(const qint64* counter) {
     return __atomic_load_n(counter, __ATOMIC_RELAXED);
 }
 
+void ProgressBar::setUnacknowledged(std::function<qint64()> unacknowledged) {
+    m_unacknowledged = std::move(unacknowledged);
+}
+
+qint64 ProgressBar::delivered() const {
+    const qint64 offset = read(m_offset);
+    if (!m_unacknowledged || offset <= 0)
+        return offset;
+    // Never below where this run started: a resumed transfer's first bytes were there before.
+    return std::max<qint64>(std::max<qint64>(m_startOffset, 0), offset - m_unacknowledged());
+}
+
 void ProgressBar::update() {
     const qint64 total = read(m_total);
-    const qint64 offset = read(m_offset);
+    const qint64 offset = delivered();
     // The counters stay 0 until the handler has heard the server's offer.
     if (total <= 0 && offset <= 0)
         return;
@@ -60,7 +72,7 @@ QString ProgressBar::line(qint64 total, qint64 offset) const {
     const int percent = total > 0 ? int(std::min<qint64>(100, offset * 100 / total)) : 100;
     QString left = QStringLiteral("--:-- left");
     if (m_doneAfter >= 0.0)
-        left = QStringLiteral("finishing");
+        left = m_verifying ? QStringLiteral("verifying") : QStringLiteral("finishing");
     else if (rate > 0.0)
         left = formatDuration(qint64(double(std::max<qint64>(0, total - offset)) / rate + 0.5)) +
                " left";

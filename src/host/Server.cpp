@@ -5,6 +5,7 @@
 #include "ErrorText.h"
 #include "HostHello.h"
 #include "TaskLog.h"
+#include "Transfer.h"
 #include "base/Net.h"
 #include "base/Wire.h"
 
@@ -354,6 +355,8 @@ void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPoli
     }
 
     QString result = QStringLiteral("success");
+    if (ok && handler->getParam("operator", "") == QLatin1String("upload"))
+        keepVerifiedValue(handler->getParam("path", ""), handler->getParam("bVerify", "false"));
     if (!ok) {
         const QString lastError = handler->getLastError();
         const QStringList errors = log.errors();

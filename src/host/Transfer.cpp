@@ -1,0 +1,99 @@
+#include "Transfer.h"
+
+#include "base/Verify.h"
+
+#include <QFile>
+#include <QRegularExpression>
+
+#include <udt/udt.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace VESK {
+namespace host {
+
+namespace {
+
+// UDT's packets carry the MSS less the IP and UDP headers (28 bytes) and its own (16 bytes).
+constexpr int kPacketOverhead = 28 + 16;
+
+} // namespace
+
+bool verificationFailed(const QStringList& errors) {
+    static const QRegularExpression re("^\\w+: (FileVerifyResult error|FileVerify failed)\\.$");
+    for (const QString& line : errors) {
+        if (re.match(line).hasMatch())
+            return true;
+    }
+    return false;
+}
+
+void keepVerifiedValue(const QString& path, const QString& method) {
+    if (!path.isEmpty() && !method.isEmpty() && method != QLatin1String("false"))
+        verify::adoptKeptValue(path, method);
+}
+
+qint64 unacknowledgedBytes(int socket) {
+    int packets = 0;
+    int len = sizeof packets;
+    int mss = 0;
+    int mssLen = sizeof mss;
+    if (UDT::getsockopt(socket, 0, UDT_SNDDATA, &packets, &len) == UDT::ERROR ||
+        UDT::getsockopt(socket, 0, UDT_MSS, &mss, &mssLen) == UDT::ERROR || packets <= 0 ||
+        mss <= kPacketOverhead)
+        return 0;
+    return qint64(packets) * (mss - kPacketOverhead);
+}
+
+PartialFileLock::PartialFileLock(const QString& partialPath)
+    : m_path(partialPath) {
+    const QByteArray native = QFile::encodeName(partialPath);
+    m_fd = ::open(native.constData(), O_RDWR | O_CLOEXEC);
+    if (m_fd < 0 && errno == ENOENT) {
+        m_fd = ::open(native.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        m_created = m_fd >= 0;
+    }
+    if (m_fd < 0) {
+        m_error = QString::fromLocal8Bit(std::strerror(errno));
+        return;
+    }
+    if (::flock(m_fd, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        ::close(m_fd);
+        m_fd = -1;
+        // Created by us a moment ago and locked by another: the other holder now uses it.
+        m_created = false;
+        if (error == EWOULDBLOCK) {
+            m_state = State::Busy;
+            return;
+        }
+        m_error = QString::fromLocal8Bit(std::strerror(error));
+        return;
+    }
+    m_state = State::Held;
+}
+
+PartialFileLock::~PartialFileLock() {
+    if (m_fd < 0)
+        return;
+    // Still the same, empty file at that path: nothing was received into it.
+    struct stat held {};
+    struct stat named {};
+    if (m_created && ::fstat(m_fd, &held) == 0 && held.st_size == 0 &&
+        ::stat(QFile::encodeName(m_path).constData(), &named) == 0 && named.st_ino == held.st_ino &&
+        named.st_dev == held.st_dev)
+        ::unlink(QFile::encodeName(m_path).constData());
+    ::close(m_fd);
+}
+
+bool PartialFileLock::truncate() {
+    return m_fd >= 0 && ::ftruncate(m_fd, 0) == 0;
+}
+
+} // namespace host
+} // namespace VESK
