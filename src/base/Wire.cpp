@@ -1,5 +1,9 @@
 #include "Wire.h"
 
+#include "Net.h"
+
+#include <QDeadlineTimer>
+
 #include <QtEndian>
 
 #include <udt/udt.h>
@@ -125,6 +129,59 @@ bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error) {
         left -= chunk;
     }
     return true;
+}
+
+namespace {
+
+bool recvAllBy(int socket, char* data, qint64 len, const QDeadlineTimer& deadline, bool* late,
+               QString* error) {
+    while (len > 0) {
+        const qint64 left = deadline.remainingTime();
+        if (left == 0) {
+            *late = true;
+            setError(error, QStringLiteral("the time limit was reached"));
+            return false;
+        }
+        net::setReceiveTimeout(socket, int(std::max<qint64>(left, 1)));
+        const int n = UDT::recv(socket, data, int(std::min<qint64>(len, 1 << 30)), 0);
+        if (n == UDT::ERROR || n <= 0) {
+            *late = deadline.hasExpired();
+            setError(error, *late ? QStringLiteral("the time limit was reached")
+                                  : QStringLiteral("receive failed: %1").arg(lastUdtError()));
+            return false;
+        }
+        data += n;
+        len -= n;
+    }
+    return true;
+}
+
+} // namespace
+
+Received recvFrameWithin(int socket, int deadlineMs, quint32 maxBody, quint32& number,
+                         QByteArray& body, QString* error) {
+    const QDeadlineTimer deadline(deadlineMs);
+    bool late = false;
+    Received result = Received::Frame;
+    char bytes[kHeaderBytes];
+    FrameHeader header;
+    if (!recvAllBy(socket, bytes, sizeof bytes, deadline, &late, error)) {
+        result = late ? Received::TimedOut : Received::Failed;
+    } else if (!decodeHeader(bytes, header, error) || header.length > maxBody) {
+        number = header.number;
+        setError(error, QStringLiteral("message %1 announces %2 bytes, more than the limit of %3")
+                            .arg(header.number)
+                            .arg(header.length)
+                            .arg(std::min(maxBody, kMaxBodyBytes)));
+        result = Received::TooLong;
+    } else {
+        number = header.number;
+        body.resize(int(header.length));
+        if (!recvAllBy(socket, body.data(), header.length, deadline, &late, error))
+            result = late ? Received::TimedOut : Received::Failed;
+    }
+    net::setReceiveTimeout(socket, -1);
+    return result;
 }
 
 } // namespace wire

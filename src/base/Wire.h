@@ -51,5 +51,18 @@ bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* erro
 // such a frame is not read, so the connection is of no further use afterwards.
 bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error = nullptr);
 
+enum class Received {
+    Frame,    // a whole frame arrived in time
+    TooLong,  // its header announced more than the caller accepts; the body was not read
+    TimedOut, // the whole frame did not arrive in time
+    Failed,   // the connection broke
+};
+
+// Reads one frame of any number whose body is at most `maxBody` bytes, all of it within
+// `deadlineMs` (a limit on the whole frame, not on each read, so a peer that trickles a byte at a
+// time cannot hold the reader). The socket waits without limit again afterwards.
+Received recvFrameWithin(int socket, int deadlineMs, quint32 maxBody, quint32& number,
+                         QByteArray& body, QString* error = nullptr);
+
 } // namespace wire
 } // namespace VESK

@@ -3,6 +3,7 @@
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
+#include "PartialFiles.h"
 #include "TaskLog.h"
 #include "base/Net.h"
 #include "base/Wire.h"
@@ -154,6 +155,7 @@ int Server::run() {
                       QString::number(m_config.maxConnections)));
 
     std::thread watchdog([this] { watchForStalls(); });
+    std::thread sweeper([this] { removeStalePartials(); });
     int status = kExitOk;
     for (;;) {
         QString peer;
@@ -206,6 +208,7 @@ int Server::run() {
         m_stopped.notify_all();
     }
     watchdog.join();
+    sweeper.join();
     UDT::close(listener);
     printErr("vesk: stopped");
     return status;
@@ -232,6 +235,15 @@ void Server::stop() {
         }
     }
     printErr(QString("vesk: stopping; %1 running task(s) paused").arg(paused));
+}
+
+TaskPolicy Server::connectionPolicy(const QString&) const {
+    // Anonymous: the peer's own user name, every application, all of them writable.
+    TaskPolicy policy;
+    for (const AppEntry& app : m_config.apps)
+        policy.apps << app.key;
+    policy.writableApps = policy.apps;
+    return policy;
 }
 
 QString Server::helloRefusal(const QString& protocol, const QString& version) const {
@@ -304,25 +316,45 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     PluginLoader::Handler handler = m_loader.create();
     configureHandler(handler.get(), socket, peer);
     TaskLog log(handler.get());
+    QElapsedTimer clock;
+    clock.start();
+    const VettingContext context{m_config.mount, m_config.appTable(), connectionPolicy(peer),
+                                 m_config.limits};
+    Admission admission = admitTask(socket, context, [&peer](const QString& warning) {
+        printErr(QString("vesk: %1: warning: %2").arg(peer, warning));
+    });
+    if (admission.kind != Admission::Kind::Run) {
+        QString result = "failed: " + admission.reason;
+        if (admission.kind == Admission::Kind::Refuse) {
+            sendRefusalAck(socket, admission.refusal);
+            result = "refused: " + admission.refusal;
+            // Only for the summary line: the handler does not run.
+            handler->setParams(admission.task.params);
+        }
+        printSummary(peer, handler.get(), 0, clock, result);
+        handler.reset();
+        net::drainAndClose(socket);
+        return;
+    }
+    handler->setReceivedFrame(int(admission.number), admission.frame);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = handler.get();
-        m_connections[id].watch =
-            std::make_shared<StallWatch>(socket, currentThreadId(), m_config.stallTimeout);
+        m_connections[id].watch = std::make_shared<StallWatch>(
+            socket, currentThreadId(), m_config.stallTimeout, m_config.minRate);
         // A stop that came between the hello and now found no handler to pause.
         if (m_stopping)
             handler->pause();
     }
-    QElapsedTimer clock;
-    clock.start();
     const bool ok = handler->process();
-    const double seconds = double(clock.elapsed()) / 1000.0;
     bool stalled = false;
+    bool slow = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = nullptr;
         m_connections[id].watch.reset();
         stalled = m_connections[id].stalled;
+        slow = m_connections[id].slow;
     }
 
     QString result = QStringLiteral("success");
@@ -334,6 +366,10 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
             // The client still waits for an answer: tell it why instead of just hanging up.
             sendRefusalAck(socket, refusal);
             result = "refused: " + refusal;
+        } else if (slow && lastError == QLatin1String("pause")) {
+            result =
+                QString("too slow: under %1 bytes/s over %2 s, paused")
+                    .arg(QString::number(m_config.minRate), QString::number(kMinRateWindowSeconds));
         } else if (stalled && lastError == QLatin1String("pause")) {
             result = QString("stalled: no progress for %1 s, paused")
                          .arg(QString::number(m_config.stallTimeout));
@@ -345,15 +381,23 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
             result = "failed: " + failureReason(errors, lastError);
         }
     }
-    const QString op = handler->getParam("operator", "");
     const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
                                                  paramNumber(handler.get(), "transferBeginSize"));
-    printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
-                 .arg(peer, op.isEmpty() ? "-" : summaryField(op),
-                      summaryField(taskPath(handler.get())), QString::number(bytes),
-                      QString::number(seconds, 'f', 2), summaryField(result)));
+    printSummary(peer, handler.get(), bytes, clock, result);
     handler.reset();
+    // The partial file stays locked until the handler is done with it.
+    admission.partialFile.reset();
     net::drainAndClose(socket);
+}
+
+void Server::printSummary(const QString& peer, VeskBase* handler, qint64 bytes,
+                          const QElapsedTimer& clock, const QString& result) const {
+    const QString op = handler->getParam("operator", "");
+    const double seconds = double(clock.elapsed()) / 1000.0;
+    printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
+                 .arg(peer, op.isEmpty() ? "-" : summaryField(op), summaryField(taskPath(handler)),
+                      QString::number(bytes), QString::number(seconds, 'f', 2),
+                      summaryField(result)));
 }
 
 QString Server::taskPath(VeskBase* handler) const {
@@ -395,13 +439,34 @@ void Server::watchForStalls() {
         busy = !m_connections.empty();
         for (auto& entry : m_connections) {
             Connection& connection = entry.second;
-            if (m_stopping || !connection.handler || connection.stalled ||
-                !connection.watch->stalled())
+            if (m_stopping || !connection.handler || connection.stalled || connection.slow)
                 continue;
+            connection.stalled = connection.watch->stalled();
+            connection.slow = !connection.stalled && connection.watch->tooSlow();
             // pause() closes the task's socket, which ends a blocked receive or transfer.
-            connection.stalled = true;
-            connection.handler->pause();
+            if (connection.stalled || connection.slow)
+                connection.handler->pause();
         }
+    }
+}
+
+void Server::removeStalePartials() {
+    const qint64 ttl = m_config.partialTtl;
+    if (ttl <= 0)
+        return;
+    // Often enough that a file is not kept much longer than its time to live, at most hourly.
+    const auto period = std::chrono::seconds(std::max<qint64>(1, std::min<qint64>(ttl / 4, 3600)));
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping && m_accepting) {
+        lock.unlock();
+        int removed = 0;
+        for (const AppEntry& app : m_config.apps)
+            removed += removeStalePartialFiles(m_config.appDirectory(app.key), ttl);
+        if (removed > 0)
+            printErr(QString("vesk: removed %1 partial file(s) untouched for %2 s")
+                         .arg(QString::number(removed), QString::number(ttl)));
+        lock.lock();
+        m_stopped.wait_for(lock, period, [this] { return m_stopping || !m_accepting; });
     }
 }
 

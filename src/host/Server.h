@@ -5,7 +5,10 @@
 
 #include "PluginLoader.h"
 #include "StallWatch.h"
+#include "TaskPolicy.h"
+#include "TaskVetting.h"
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QString>
 
@@ -25,6 +28,9 @@ struct AppEntry {
     QString dir; // relative to the mount
 };
 
+// Partial files nobody resumed for a week are removed.
+constexpr qint64 kDefaultPartialTtlSeconds = 7 * 24 * 3600;
+
 struct ServeConfig {
     QString host = QStringLiteral("127.0.0.1");
     quint16 port = 9000;
@@ -35,7 +41,10 @@ struct ServeConfig {
     QString logFile;
     int maxConnections = 64;
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
-    qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
+    qint64 maxRate = 0;               // bytes per second each connection sends at most; 0: no cap
+    qint64 minRate = kDefaultMinRate; // bytes per second a task moves at least; 0: no minimum
+    TaskLimits limits;
+    qint64 partialTtl = kDefaultPartialTtlSeconds; // partial files older are removed; 0: never
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
@@ -76,18 +85,27 @@ private:
         VeskBase* handler = nullptr;       // set while process() runs
         std::shared_ptr<StallWatch> watch; // likewise
         bool stalled = false;              // the watch paused the task
+        bool slow = false;                 // ... because it moved too little
     };
 
     void serveConnection(quint64 id, int socket, const QString& peer);
     void refuseConnection(int socket, const QString& peer, const QString& reason);
     void runTask(quint64 id, int socket, const QString& peer);
     void configureHandler(VeskBase* handler, int socket, const QString& peer) const;
+    // What the connection from `peer` may do.
+    TaskPolicy connectionPolicy(const QString& peer) const;
     QString helloRefusal(const QString& protocol, const QString& version) const;
     QString taskPath(VeskBase* handler) const;
+    // The one line per task on stdout.
+    void printSummary(const QString& peer, VeskBase* handler, qint64 bytes,
+                      const QElapsedTimer& clock, const QString& result) const;
     void finishConnection(quint64 id);
     // Runs on a thread of its own until the server stops: pauses each task that made no
     // progress for the stall timeout, so its partial file stays for a resume.
     void watchForStalls();
+    // Runs on a thread of its own until the server stops: removes partial files untouched for
+    // longer than their time to live, at start and then regularly.
+    void removeStalePartials();
 
     const ServeConfig m_config;
     const PluginLoader& m_loader;
