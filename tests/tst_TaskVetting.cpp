@@ -216,8 +216,9 @@ private slots:
         auto admit = [&](const ParamMap& task, QStringList* warnings) {
             wire::sendFrame(pair.client.get(), kTaskParamMessage,
                             VeskBase::serializeParam(task).toUtf8());
-            return admitTask(pair.server.get(), context,
-                             [warnings](const QString& w) { warnings->append(w); });
+            AdmissionHooks hooks;
+            hooks.warn = [warnings](const QString& w) { warnings->append(w); };
+            return admitTask(pair.server.get(), context, hooks);
         };
         QStringList warnings;
         ParamMap first = uploadTask();
@@ -257,6 +258,40 @@ private slots:
         QVERIFY(warnings.first().contains("another source"));
     }
 
+    void anIdleHolderCanBeMadeToLetGo() {
+        MountTree tree;
+        const VettingContext context = contextFor(tree);
+        QVERIFY(QDir().mkpath(tree.appDir("appA") + "/d"));
+        std::unique_ptr<PartialFile> holder;
+        QCOMPARE(PartialFile::acquire(tree.appDir("appA") + "/d/.f.bin.vesk-part", holder),
+                 PartialFile::Outcome::Locked);
+        UdtPair pair = connectedPair();
+        const QByteArray frame = VeskBase::serializeParam(uploadTask()).toUtf8();
+        QStringList asked;
+        AdmissionHooks hooks;
+        // A holder that keeps receiving is not ended: refused.
+        hooks.endIdleHolder = [&](const QString& partial) {
+            asked << partial;
+            return false;
+        };
+        wire::sendFrame(pair.client.get(), kTaskParamMessage, frame);
+        Admission a = admitTask(pair.server.get(), context, hooks);
+        QCOMPARE(a.refusal, QString(kTransferInProgress));
+        QCOMPARE(asked, QStringList{tree.appDir("appA") + "/d/.f.bin.vesk-part"});
+        // An idle one is ended, and its lock goes a moment later.
+        hooks.endIdleHolder = [&](const QString&) {
+            std::thread([&] {
+                QThread::msleep(200);
+                holder.reset();
+            }).detach();
+            return true;
+        };
+        wire::sendFrame(pair.client.get(), kTaskParamMessage, frame);
+        a = admitTask(pair.server.get(), context, hooks);
+        QCOMPARE(int(a.kind), int(Admission::Kind::Run));
+        QVERIFY(a.partialFile);
+    }
+
     void admissionHandsTheFrameOnWithTheUser() {
         MountTree tree;
         VettingContext context = contextFor(tree);
@@ -265,12 +300,12 @@ private slots:
         task["operator"] = "list";
         const QByteArray sent = VeskBase::serializeParam(task).toUtf8();
         wire::sendFrame(pair.client.get(), kTaskParamMessage, sent);
-        Admission a = admitTask(pair.server.get(), context, [](const QString&) {});
+        Admission a = admitTask(pair.server.get(), context, AdmissionHooks());
         QCOMPARE(int(a.kind), int(Admission::Kind::Run));
         QCOMPARE(a.frame, sent);
         context.policy.user = "alice";
         wire::sendFrame(pair.client.get(), kTaskParamMessage, sent);
-        a = admitTask(pair.server.get(), context, [](const QString&) {});
+        a = admitTask(pair.server.get(), context, AdmissionHooks());
         QCOMPARE(VeskBase::unSerializeParam(QString::fromUtf8(a.frame)).value("userName"),
                  QString("alice"));
     }

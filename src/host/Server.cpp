@@ -31,6 +31,10 @@ constexpr int kMaxRefusing = 16;
 constexpr int kTaskParamAck = 6;
 // How often running tasks are checked for progress.
 constexpr int kStallCheckMs = 250;
+// An upload that received nothing for this long gives its partial file up to another upload of
+// the same file: its client is most likely gone (killed, or its machine down) without a word,
+// which the connection itself would notice only much later.
+constexpr qint64 kIdleHolderMs = 3000;
 
 void sendRefusalAck(int socket, const QString& errorType) {
     const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
@@ -237,6 +241,41 @@ void Server::stop() {
     printErr(QString("vesk: stopping; %1 running task(s) paused").arg(paused));
 }
 
+bool Server::endIdleHolder(const QString& partial) {
+    // A live transfer shows progress at every check; one whose client is gone shows none, once
+    // what was already on its way has been written. The holder is watched until either is
+    // clear, so a live one is refused within about a second.
+    constexpr int kProgressSeen = 4;
+    int progressSeen = 0;
+    qint64 lastIdle = -1;
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < kIdleHolderMs * 3) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            Connection* holder = nullptr;
+            for (auto& entry : m_connections) {
+                if (entry.second.handler && entry.second.partial == partial)
+                    holder = &entry.second;
+            }
+            // Held by another server (not ours to end), or by a task here that has ended since
+            // it was seen (by a stall, say), whose lock is going.
+            if (!holder)
+                return lastIdle >= 0;
+            const qint64 idle = holder->watch->idleMs();
+            if (idle < lastIdle && ++progressSeen >= kProgressSeen)
+                return false;
+            if (idle >= kIdleHolderMs) {
+                holder->handler->pause();
+                return true;
+            }
+            lastIdle = idle;
+        }
+        QThread::msleep(kStallCheckMs / 2);
+    }
+    return false;
+}
+
 TaskPolicy Server::connectionPolicy(const QString&) const {
     // Anonymous: the peer's own user name, every application, all of them writable.
     TaskPolicy policy;
@@ -320,9 +359,12 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     clock.start();
     const VettingContext context{m_config.mount, m_config.appTable(), connectionPolicy(peer),
                                  m_config.limits};
-    Admission admission = admitTask(socket, context, [&peer](const QString& warning) {
+    AdmissionHooks hooks;
+    hooks.warn = [&peer](const QString& warning) {
         printErr(QString("vesk: %1: warning: %2").arg(peer, warning));
-    });
+    };
+    hooks.endIdleHolder = [this](const QString& partial) { return endIdleHolder(partial); };
+    Admission admission = admitTask(socket, context, hooks);
     if (admission.kind != Admission::Kind::Run) {
         QString result = "failed: " + admission.reason;
         if (admission.kind == Admission::Kind::Refuse) {
@@ -340,6 +382,7 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = handler.get();
+        m_connections[id].partial = admission.task.partial;
         m_connections[id].watch = std::make_shared<StallWatch>(
             socket, currentThreadId(), m_config.stallTimeout, m_config.minRate);
         // A stop that came between the hello and now found no handler to pause.
@@ -353,6 +396,7 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = nullptr;
         m_connections[id].watch.reset();
+        m_connections[id].partial.clear();
         stalled = m_connections[id].stalled;
         slow = m_connections[id].slow;
     }

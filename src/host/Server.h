@@ -86,12 +86,16 @@ private:
         std::shared_ptr<StallWatch> watch; // likewise
         bool stalled = false;              // the watch paused the task
         bool slow = false;                 // ... because it moved too little
+        QString partial;                   // the partial file an upload holds
     };
 
     void serveConnection(quint64 id, int socket, const QString& peer);
     void refuseConnection(int socket, const QString& peer, const QString& reason);
     void runTask(quint64 id, int socket, const QString& peer);
     void configureHandler(VeskBase* handler, int socket, const QString& peer) const;
+    // Pauses the task that holds `partial` when it has received nothing for a while; waits a
+    // little to see. True when it was paused.
+    bool endIdleHolder(const QString& partial);
     // What the connection from `peer` may do.
     TaskPolicy connectionPolicy(const QString& peer) const;
     QString helloRefusal(const QString& protocol, const QString& version) const;

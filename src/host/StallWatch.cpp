@@ -66,15 +66,17 @@ qint64 StallWatch::progressCount() const {
 }
 
 bool StallWatch::stalled() {
-    if (m_timeoutSeconds <= 0)
-        return false;
     const qint64 count = progressCount();
     if (count != m_lastCount) {
         m_lastCount = count;
         m_sinceProgress.restart();
         return false;
     }
-    return m_sinceProgress.elapsed() >= qint64(m_timeoutSeconds) * 1000;
+    return m_timeoutSeconds > 0 && m_sinceProgress.elapsed() >= qint64(m_timeoutSeconds) * 1000;
+}
+
+qint64 StallWatch::idleMs() const {
+    return m_sinceProgress.elapsed();
 }
 
 } // namespace host

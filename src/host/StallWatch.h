@@ -32,6 +32,8 @@ public:
     // True once nothing progressed for the whole timeout; call it regularly.
     bool stalled();
     int timeoutSeconds() const { return m_timeoutSeconds; }
+    // Milliseconds since stalled() last saw progress.
+    qint64 idleMs() const;
     // True once the worker read and wrote fewer than `minRate` bytes a second over the last
     // kMinRateWindowSeconds (never with `minRate` 0); call it regularly.
     bool tooSlow();

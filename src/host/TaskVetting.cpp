@@ -3,9 +3,11 @@
 #include "ErrorText.h"
 #include "base/Wire.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QStorageInfo>
+#include <QThread>
 
 namespace VESK {
 namespace host {
@@ -17,6 +19,9 @@ const char* const kPartialFileName =
 const char* const kTaskParamTooLarge = "the task's parameters are larger than 64 KiB";
 
 namespace {
+
+// How long a task whose partial file was taken over has to end.
+constexpr int kHolderEndMs = 5000;
 
 const QStringList kOperations{"upload", "download", "list", "createDir"};
 const QStringList kPathKeys{"rootPath", "destPath", "srcPath", "fileName"};
@@ -111,7 +116,11 @@ namespace {
 
 // Takes the upload's partial file for this task and makes sure what it holds is from the same
 // source; "" on success, else the refusal.
-QString claimPartialFile(Admission& admission, const std::function<void(const QString&)>& warn) {
+QString claimPartialFile(Admission& admission, const AdmissionHooks& hooks) {
+    const auto warn = [&hooks](const QString& text) {
+        if (hooks.warn)
+            hooks.warn(text);
+    };
     const VettedTask& task = admission.task;
     // The directory is created now rather than by the handler after its answer, so that there
     // is a partial file to lock; the handler applies the directory mode to it as before.
@@ -121,7 +130,18 @@ QString claimPartialFile(Admission& admission, const std::function<void(const QS
         return kServerFileError;
     }
     QString error;
-    switch (PartialFile::acquire(task.partial, admission.partialFile, &error)) {
+    PartialFile::Outcome outcome =
+        PartialFile::acquire(task.partial, admission.partialFile, &error);
+    if (outcome == PartialFile::Outcome::Busy && hooks.endIdleHolder &&
+        hooks.endIdleHolder(task.partial)) {
+        // The holder is ending; its lock goes when its handler has returned.
+        QDeadlineTimer released(kHolderEndMs);
+        while (outcome == PartialFile::Outcome::Busy && !released.hasExpired()) {
+            QThread::msleep(50);
+            outcome = PartialFile::acquire(task.partial, admission.partialFile, &error);
+        }
+    }
+    switch (outcome) {
     case PartialFile::Outcome::Busy:
         return kTransferInProgress;
     case PartialFile::Outcome::Failed:
@@ -157,8 +177,7 @@ QString claimPartialFile(Admission& admission, const std::function<void(const QS
 
 } // namespace
 
-Admission admitTask(int socket, const VettingContext& context,
-                    const std::function<void(const QString&)>& warn) {
+Admission admitTask(int socket, const VettingContext& context, const AdmissionHooks& hooks) {
     Admission admission;
     QString error;
     switch (wire::recvFrameWithin(socket, kTaskParamTimeoutMs, kMaxTaskParamBytes, admission.number,
@@ -185,7 +204,7 @@ Admission admitTask(int socket, const VettingContext& context,
         vetTask(VeskBase::unSerializeParam(QString::fromUtf8(admission.frame)), context);
     QString refusal = admission.task.refusal;
     if (refusal.isEmpty() && !admission.task.partial.isEmpty())
-        refusal = claimPartialFile(admission, warn);
+        refusal = claimPartialFile(admission, hooks);
     if (!refusal.isEmpty()) {
         admission.kind = Admission::Kind::Refuse;
         admission.refusal = refusal;

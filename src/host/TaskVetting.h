@@ -76,10 +76,17 @@ struct Admission {
     std::unique_ptr<PartialFile> partialFile;
 };
 
-// Reads the TaskParam from `socket` and decides. Warnings (a resume from another source) are
-// passed to `warn`.
-Admission admitTask(int socket, const VettingContext& context,
-                    const std::function<void(const QString&)>& warn);
+// What the server does besides the checks: `warn` hears of a resume from another source;
+// `endIdleHolder` is asked when another task holds an upload's partial file, and returns true
+// when it made that holder let go because it no longer receives anything (its client died, say),
+// so that the same command run again after a crash resumes instead of being refused.
+struct AdmissionHooks {
+    std::function<void(const QString&)> warn;
+    std::function<bool(const QString& partial)> endIdleHolder;
+};
+
+// Reads the TaskParam from `socket` and decides.
+Admission admitTask(int socket, const VettingContext& context, const AdmissionHooks& hooks);
 
 } // namespace host
 } // namespace VESK
