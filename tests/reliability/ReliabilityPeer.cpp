@@ -25,6 +25,7 @@
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -612,6 +613,8 @@ int runStall(const Options& options) {
         params["fileName"] = QFileInfo(file).fileName();
         params["destPath"] = options.value("dest", "stall");
         params["fileSize"] = QString::number(QFileInfo(file).size());
+        // As a vesk client describes the file, so that a real upload of it resumes.
+        params["mtime"] = QString::number(QFileInfo(file).lastModified().toSecsSinceEpoch());
         quint32 number = 0;
         ParamMap ack;
         if (!peer.sendMap(kTaskParam, params) ||
