@@ -54,6 +54,14 @@ protected:
     bool createDirRespond() override { return false; }
 };
 
+// A base whose log goes to a file of its own in a temporary directory.
+struct LoggingProbe {
+    QTemporaryDir dir;
+    QString file = dir.path() + "/vesk.log";
+    ProbeBase base;
+    LoggingProbe() { base.setParam("logFile", file); }
+};
+
 QString toolDigest(const QString& tool, const QString& path) {
     QProcess p;
     p.start(tool, {path});
@@ -276,10 +284,9 @@ private slots:
     // ---- Logging ----
 
     void logEmitsSignalAndAppendsRecordToLogFile() {
-        QTemporaryDir dir;
-        const QString file = dir.path() + "/vesk.log";
-        ProbeBase b;
-        b.setParam("logFile", file);
+        LoggingProbe probe;
+        const QString& file = probe.file;
+        ProbeBase& b = probe.base;
         QSignalSpy spy(&b, &VESK::VeskBase::sigLog);
         const QDateTime before = QDateTime::currentDateTime().addMSecs(-1);
         b.log("info", "first");
@@ -298,8 +305,94 @@ private slots:
             QDateTime::fromString(match.captured(1), "yyyy-MM-dd'T'hh:mm:ss.zzz");
         QVERIFY(stamp >= before.addSecs(-1) && stamp <= QDateTime::currentDateTime());
         QVERIFY(lines.at(1).endsWith(" [error] two"));
-        QCOMPARE(lines.at(2), QString("lines"));
+        // A further line of a message is indented, so it cannot pass for a record.
+        QCOMPARE(lines.at(2), QString("  lines"));
         QCOMPARE(lines.at(3), QString());
+    }
+
+    void logFileRecordCannotBeForgedByTheMessage() {
+        LoggingProbe probe;
+        const QString& file = probe.file;
+        ProbeBase& b = probe.base;
+        QSignalSpy spy(&b, &VESK::VeskBase::sigLog);
+        const QString forged =
+            QString("name\n2026-01-01T00:00:00.000 [info] forged\r\x1b[2J\tend") + QChar(0x9b) +
+            QChar(0x7f) + QChar(0) + "\u00e9";
+        b.log("debug", forged);
+        // The signal has the message as given; the file has it escaped.
+        QCOMPARE(spy.size(), 1);
+        QCOMPARE(spy.at(0).at(1).toString(), forged);
+        const QStringList lines = QString::fromUtf8(readAll(file)).split('\n');
+        QCOMPARE(lines.size(), 3);
+        QVERIFY2(lines.at(0).endsWith(" [debug] name"), qPrintable(lines.at(0)));
+        QCOMPARE(lines.at(1), QString("  2026-01-01T00:00:00.000 [info] forged\\x0d\\x1b[2J\tend"
+                                      "\\x9b\\x7f\\x00") +
+                                  QString::fromUtf8("\u00e9"));
+        QCOMPARE(lines.at(2), QString());
+        // Every record starts with its time stamp; no line of the message does.
+        const QRegularExpression record(R"(^\d{4}-\d\d-\d\dT)");
+        QCOMPARE(int(lines.filter(record).size()), 1);
+    }
+
+    void logFileIsReopenedAfterARotation() {
+        LoggingProbe probe;
+        const QString& file = probe.file;
+        ProbeBase& b = probe.base;
+        b.log("info", "before");
+        QVERIFY(QFile::rename(file, file + ".1"));
+        b.log("info", "after");
+        QVERIFY(QString::fromUtf8(readAll(file + ".1")).contains("[info] before"));
+        const QString text = QString::fromUtf8(readAll(file));
+        QVERIFY2(text.contains("[info] after") && !text.contains("before"), qPrintable(text));
+    }
+
+    // ---- Listing limit ----
+
+    void listEntryLimitFailsTheChunkThatGoesOver() {
+        UdtPair pair = connectedPair();
+        ProbeBase server;
+        server.setParam("endPoint", "server");
+        server.setParam("serverSocket", QString::number(pair.server.get()));
+        server.setListEntryLimit(150);
+        QSignalSpy logs(&server, &VESK::VeskBase::sigLog);
+        ParamMap chunk{{"bLast", "false"}};
+        for (int i = 0; i < 100; ++i)
+            chunk.insert(QString("/a \"%1\":\"x").arg(i), "file");
+        QVERIFY(server.send(9, VESK::VeskBase::serializeParam(chunk)));
+        chunk.remove("bLast");
+        // Other messages are not counted.
+        QVERIFY(server.send(5, VESK::VeskBase::serializeParam(chunk)));
+        chunk.insert("bLast", "true");
+        QCOMPARE(logs.size(), 0);
+        QVERIFY(!server.send(9, VESK::VeskBase::serializeParam(chunk)));
+        QCOMPARE(logs.size(), 1);
+        QCOMPARE(logs.at(0).at(0).toString(), QString("error"));
+        QCOMPARE(logs.at(0).at(1).toString(),
+                 QString("listing stopped: it has more than 150 entries, the most this server "
+                         "lists"));
+        // What went over was not sent: the peer has the first chunk and the other message only.
+        quint32 number = 0;
+        QByteArray body;
+        QVERIFY(VESK::wire::recvFrame(pair.client.get(), number, body));
+        QCOMPARE(number, 9u);
+        QCOMPARE(VESK::VeskBase::unSerializeParam(QString::fromUtf8(body)).size(), 101);
+        QVERIFY(VESK::wire::recvFrame(pair.client.get(), number, body));
+        QCOMPARE(number, 5u);
+        setReceiveTimeout(pair.client.get(), 300);
+        QVERIFY(!VESK::wire::recvFrame(pair.client.get(), number, body));
+    }
+
+    void listEntryLimitOfZeroCountsNothing() {
+        UdtPair pair = connectedPair();
+        ProbeBase server;
+        server.setParam("endPoint", "server");
+        server.setParam("serverSocket", QString::number(pair.server.get()));
+        ParamMap chunk;
+        for (int i = 0; i < 300; ++i)
+            chunk.insert(QString("/%1").arg(i), "file");
+        QVERIFY(server.send(9, VESK::VeskBase::serializeParam(chunk)));
+        server.setListEntryLimit(0);
+        QVERIFY(server.send(9, VESK::VeskBase::serializeParam(chunk)));
     }
 
     void logWithoutLogFileWritesNoFile() {

@@ -195,6 +195,7 @@ public:
     }
 
     QString stderrText() { return QString::fromUtf8(m_process.readAllStandardError()); }
+    qint64 pid() const { return m_process.processId(); }
 
 private:
     QStringList m_args;
@@ -533,6 +534,88 @@ private slots:
         QVERIFY(
             !server.waitForLine(QRegularExpression(" list .* refused: DirNotExist$")).isEmpty());
         QCOMPARE(server.stop(), 0);
+    }
+
+    void plainListingEscapesControlCharactersAndJsonStaysExact() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        // Names as they are on disk, and as a plain listing shows them.
+        const QMap<QString, QString> names{
+            {"new\nline.txt", "new\\nline.txt"},
+            {"esc\x1b[2J\x1b[31mred", "esc\\033[2J\\033[31mred"},
+            {"tab\tand\rreturn", "tab\\tand\\rreturn"},
+            {"back\\slash", "back\\\\slash"},
+            {QString("c1") + QChar(0x9b) + "x", "c1\\302\\233x"},
+            {QString::fromUtf8("plain n\u00e4me.txt"), QString::fromUtf8("plain n\u00e4me.txt")},
+        };
+        QVERIFY(QDir().mkpath(s.appA() + "/odd"));
+        QMap<QString, QString> expected; // remote path -> its line
+        for (auto it = names.cbegin(); it != names.cend(); ++it) {
+            QVERIFY(writePatternFile(s.appA() + "/odd/" + it.key(), 3, 1));
+            expected.insert("/" + it.key(), "/" + it.value());
+        }
+        Run run = runVesk({"ls", server.url("appA/odd")});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.out, QStringList(expected.values()).join('\n') + '\n');
+        for (const QChar c : run.out) {
+            QVERIFY2(c == '\n' || (c.unicode() >= 0x20 && c.unicode() != 0x7f &&
+                                   (c.unicode() < 0x80 || c.unicode() > 0x9f)),
+                     qPrintable(QString::number(c.unicode())));
+        }
+
+        run = runVesk({"ls", "--json", server.url("appA/odd")});
+        QCOMPARE(run.code, 0);
+        QStringList paths;
+        for (const QString& line : run.out.split('\n', Qt::SkipEmptyParts))
+            paths << QJsonDocument::fromJson(line.toUtf8()).object().value("path").toString();
+        QCOMPARE(paths, expected.keys());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void listingOfLoopingLinksStopsAtTheLimitAndTheServerGoesOn() {
+        Scratch s;
+        constexpr int kLimit = 5000;
+        ServeProcess server(s.mount(), {"--max-list-entries", QString::number(kLimit)});
+        QVERIFY(server.start());
+        // Two links back to their own directory: each level doubles, without end.
+        QVERIFY(QDir().mkpath(s.appA() + "/loop"));
+        QVERIFY(QFile::link(".", s.appA() + "/loop/a"));
+        QVERIFY(QFile::link(".", s.appA() + "/loop/b"));
+        const qint64 before = processStatusKiB("VmHWM", server.pid());
+        QVERIFY(before > 0);
+
+        Run run = runVesk({"ls", server.url("appA/loop")});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.startsWith("vesk: the listing broke off"), qPrintable(run.err));
+        const int lines = run.out.count('\n');
+        QVERIFY2(lines > 0 && lines <= kLimit, qPrintable(QString::number(lines)));
+        QVERIFY(!server
+                     .waitForLine(QRegularExpression(
+                         " list .*/apps/a/loop 0 bytes [0-9.]+ s failed: listing stopped: it "
+                         "has more than 5000 entries, the most this server lists$"))
+                     .isEmpty());
+        // What the listing held stays small (unbounded, it grows by hundreds of MiB a minute).
+        const qint64 after = processStatusKiB("VmHWM", server.pid());
+        QVERIFY2(after - before < 64 * 1024,
+                 qPrintable(QString("%1 KiB -> %2 KiB").arg(before).arg(after)));
+
+        // The server goes on serving.
+        run = runVesk({"mkdir", server.url("appB/after")});
+        QCOMPARE(run.code, 0);
+        run = runVesk({"ls", server.url("appB")});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.out, QString("/after/\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void maxListEntriesMustBeAPositiveNumber() {
+        Scratch s;
+        const Run run = runVesk({"serve", "--listen", "127.0.0.1:0", "--mount", s.mount(), "--app",
+                                 "appA=apps/a", "--max-list-entries", "0"});
+        QCOMPARE(run.code, 2);
+        QVERIFY2(run.err.contains("--max-list-entries takes a number of at least 1"),
+                 qPrintable(run.err));
     }
 
     void unknownApplicationIsRefusedByName_data() {

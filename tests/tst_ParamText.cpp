@@ -1,27 +1,15 @@
 // What the server makes of a peer's parameter text that no vesk client would send: repeated
 // names, deep nesting, escapes. None of it may cost the server memory that stays allocated.
 
+#include "Support.h"
 #include "base/VeskBase.h"
 
-#include <QFile>
 #include <QtTest>
 
 using VESK::VeskBase;
 using ParamMap = QMap<QString, QString>;
 
 namespace {
-
-// Resident memory of this process in KiB, from /proc/self/status.
-qint64 residentKiB() {
-    QFile status("/proc/self/status");
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
 
 // An object that names "a" `count` times, each time with an object holding a large string.
 QString repeatedObjectMembers(int count, int stringBytes) {
@@ -95,11 +83,11 @@ private slots:
         // each would keep tens of MiB.
         const QString text = repeatedObjectMembers(10, 100 * 1000);
         VeskBase::unSerializeParam(text);
-        const qint64 before = residentKiB();
+        const qint64 before = vesktest::processStatusKiB("VmRSS");
         QVERIFY(before > 0);
         for (int i = 0; i < 40; ++i)
             VeskBase::unSerializeParam(text);
-        const qint64 grown = residentKiB() - before;
+        const qint64 grown = vesktest::processStatusKiB("VmRSS") - before;
         QVERIFY2(grown < 16 * 1024, qPrintable(QString("resident memory grew %1 KiB").arg(grown)));
     }
 

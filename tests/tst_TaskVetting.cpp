@@ -140,6 +140,33 @@ private slots:
         QCOMPARE(vetted.appDir, tree.appDir("appA"));
         QCOMPARE(vetted.destination, dest);
         QCOMPARE(vetted.partial, tree.appDir("appA") + "/r/y/.f.bin.vesk-part");
+        QCOMPARE(vetted.paths, (QStringList{tree.appDir("appA") + "/r/y", dest, vetted.partial}));
+        task["operator"] = "download";
+        task["srcPath"] = "../s";
+        QCOMPARE(vetTask(task, contextFor(tree)).paths,
+                 QStringList{tree.appDir("appA") + "/r/s/f.bin"});
+        task["operator"] = "list";
+        QCOMPARE(vetTask(task, contextFor(tree)).paths, QStringList{tree.appDir("appA") + "/r/s"});
+        task["operator"] = "createDir";
+        QCOMPARE(vetTask(task, contextFor(tree)).paths, QStringList{tree.appDir("appA") + "/r/y"});
+    }
+
+    void aTaskThatCannotBeConfinedIsRefusedBeforeAnythingIsCreated() {
+        MountTree tree;
+        UdtPair pair = connectedPair();
+        QStringList seen;
+        AdmissionHooks hooks;
+        hooks.confine = [&](const QString& dir, const QStringList& paths, QString* error) {
+            seen << dir << paths;
+            *error = "a path leaves";
+            return false;
+        };
+        wire::sendFrame(pair.client.get(), kTaskParamMessage,
+                        VeskBase::serializeParam(uploadTask()).toUtf8());
+        const Admission a = admitTask(pair.server.get(), contextFor(tree), hooks);
+        QCOMPARE(a.refusal, QString(kPathLeavesApplication));
+        QCOMPARE(seen.value(0), tree.appDir("appA"));
+        QVERIFY(!QFileInfo::exists(tree.appDir("appA") + "/d"));
     }
 
     void claimedSizesMustFit() {

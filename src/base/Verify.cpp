@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #define XXH_INLINE_ALL
 #include <xxhash.h>
@@ -94,6 +95,15 @@ QString fileValue(const QString& path, const QString& method) {
     if (m == QLatin1String("sha256"))
         return digest(path, EVP_sha256());
     return xxh3(path);
+}
+
+void prepare() {
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    for (const EVP_MD* md : {EVP_md5(), EVP_sha1(), EVP_sha256()}) {
+        if (ctx)
+            EVP_DigestInit_ex(ctx.get(), md, nullptr);
+    }
 }
 
 } // namespace verify

@@ -16,5 +16,9 @@ QString canonicalMethod(const QString& method);
 // memory.
 QString fileValue(const QString& path, const QString& method);
 
+// Starts the digest library now (its configuration file, the digests' implementations), so that
+// later values need no file but the one they read: for a thread about to be confined.
+void prepare();
+
 } // namespace verify
 } // namespace VESK

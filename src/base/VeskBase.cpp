@@ -1,5 +1,6 @@
 #include "VeskBase.h"
 
+#include "LogFile.h"
 #include "Verify.h"
 #include "Wire.h"
 
@@ -14,14 +15,24 @@
 
 #include <QSet>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+
+#include <algorithm>
 #include <vector>
 
 // Hosts filter the protocol log with QT_LOGGING_RULES="vesk.protocol.debug=true" and the like.
 Q_LOGGING_CATEGORY(lcProtocol, "vesk.protocol", QtInfoMsg)
 
 namespace VESK {
+
+namespace {
+// The message that carries a chunk of a listing: {"PATH":"file"|"dir",...}.
+constexpr int kListContentMessage = 9;
+} // namespace
 
 VeskBase::VeskBase(QObject* parent)
     : QObject(parent) {}
@@ -179,6 +190,39 @@ bool safeForQtReader(const QString& text) {
     return true;
 }
 
+// The members of the JSON object `text` other than "bLast": the entries of a listing chunk.
+qint64 listingEntries(const QString& text) {
+    qint64 count = 0;
+    int depth = 0;
+    bool expectName = false;
+    for (int i = 0; i < text.size(); ++i) {
+        switch (text[i].unicode()) {
+        case '{':
+        case '[':
+            ++depth;
+            expectName = depth == 1 && text[i] == '{';
+            break;
+        case '}':
+        case ']':
+            --depth;
+            break;
+        case ',':
+            expectName = depth == 1;
+            break;
+        case '"': {
+            const QString string = jsonString(text, i + 1, i);
+            if (expectName && string != QLatin1String("bLast"))
+                ++count;
+            expectName = false;
+            break;
+        }
+        default:
+            break;
+        }
+    }
+    return count;
+}
+
 } // namespace
 
 QMap<QString, QString> VeskBase::unSerializeParam(const QString& text) {
@@ -205,7 +249,21 @@ int VeskBase::socketFromParams() {
     return getParam(getParam("endPoint", "") + "Socket", "-1").toInt();
 }
 
+void VeskBase::setListEntryLimit(qint64 limit) {
+    m_listEntryLimit = std::max<qint64>(0, limit);
+    m_listEntriesSent = 0;
+}
+
 bool VeskBase::send(int messageNumber, const QString& text) {
+    if (messageNumber == kListContentMessage && m_listEntryLimit > 0) {
+        m_listEntriesSent += listingEntries(text);
+        if (m_listEntriesSent > m_listEntryLimit) {
+            log("error", QStringLiteral("listing stopped: it has more than %1 entries, the most "
+                                        "this server lists")
+                             .arg(m_listEntryLimit));
+            return false;
+        }
+    }
     QString error;
     if (!wire::sendFrame(socketFromParams(), quint32(messageNumber), text.toUtf8(), &error)) {
         log("error", QStringLiteral("send: message %1: %2").arg(messageNumber).arg(error));
@@ -251,14 +309,12 @@ void VeskBase::log(QString level, QString message) {
 
     const QString logFile = getParam("logFile", "");
     if (!logFile.isEmpty()) {
-        QFile file(logFile);
-        if (file.open(QIODevice::WriteOnly | QIODevice::Append)) {
-            const QString record =
-                QStringLiteral("%1 [%2] %3\n")
-                    .arg(QDateTime::currentDateTime().toString("yyyy-MM-dd'T'hh:mm:ss.zzz"), level,
-                         message);
-            file.write(record.toUtf8());
-        }
+        // A peer's text reaches the file escaped, so it cannot forge a record of its own.
+        const QString record =
+            QStringLiteral("%1 [%2] %3\n")
+                .arg(QDateTime::currentDateTime().toString("yyyy-MM-dd'T'hh:mm:ss.zzz"),
+                     logfile::recordText(level), logfile::recordText(message));
+        logfile::append(logFile, record.toUtf8());
     }
 
     const QByteArray text = message.toUtf8();
@@ -309,7 +365,18 @@ bool VeskBase::exist(QString& path) {
 bool VeskBase::chmod(const QString& path, int mode) {
     if (mode == kModeNotConfigured)
         return true;
-    return ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
+    // Through a descriptor: a thread confined to a directory is checked when it opens a file,
+    // not when it changes a mode by name, so a link leading outside its directory fails here.
+    const QByteArray native = QFile::encodeName(path);
+    constexpr int kFlags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int fd = ::open(native.constData(), O_RDONLY | kFlags);
+    if (fd < 0 && errno == EACCES)
+        fd = ::open(native.constData(), O_WRONLY | kFlags); // a file its owner may only write
+    if (fd < 0)
+        return false;
+    const bool ok = ::fchmod(fd, mode_t(mode)) == 0;
+    ::close(fd);
+    return ok;
 }
 
 bool VeskBase::chmodRecursively(const QString& base, const QString& path, int mode) {

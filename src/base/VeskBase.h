@@ -39,6 +39,11 @@ public:
     // True once a control message was sent or received since the handler last cleared the flag.
     bool isActive() const { return m_active.load(); }
 
+    // The most entries the listing chunks of this task may carry (0: no limit). Past it the
+    // chunk is not sent and the send fails with a log line, which ends the listing: the host's
+    // bound on a tree whose links loop, and on the memory a listing holds meanwhile.
+    void setListEntryLimit(qint64 limit);
+
     // Keys that only the local host may set; a peer's TaskParam naming one of them is refused.
     static const QStringList& hostOnlyKeys();
 
@@ -98,6 +103,8 @@ private:
     int socketFromParams();
 
     std::atomic<bool> m_active{false};
+    qint64 m_listEntryLimit = 0;
+    qint64 m_listEntriesSent = 0;
     QMutex m_logMutex;
     // A frame the host already read (setReceivedFrame); number -1 when there is none.
     int m_receivedNumber = -1;

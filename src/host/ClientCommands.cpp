@@ -152,7 +152,7 @@ void printChunk(const QMap<QString, QString>& chunk, bool json) {
                             .toJson(QJsonDocument::Compact)) +
                     '\n';
         else
-            text += it.key() + (it.value() == QLatin1String("dir") ? "/" : "") + '\n';
+            text += escapedName(it.key()) + (it.value() == QLatin1String("dir") ? "/" : "") + '\n';
     }
     if (!text.isEmpty())
         writeOut(text);

@@ -1,6 +1,7 @@
 #include "Console.h"
 
 #include <QByteArray>
+#include <QString>
 
 #include <cstdio>
 #include <mutex>
@@ -40,6 +41,30 @@ void writeOut(const QString& text) {
 
 void writeErr(const QString& text) {
     writeTo(stderr, text.toUtf8());
+}
+
+QString escapedName(const QString& name) {
+    static const QString kControls = QStringLiteral("\a\b\t\n\v\f\r");
+    static const QString kLetters = QStringLiteral("abtnvfr");
+    QString text;
+    text.reserve(name.size());
+    for (const QChar c : name) {
+        const ushort code = c.unicode();
+        const int letter = kControls.indexOf(c);
+        if (code == '\\') {
+            text += QLatin1String("\\\\");
+        } else if (letter >= 0) {
+            text += '\\';
+            text += kLetters[letter];
+        } else if (code < 0x20 || (code >= 0x7f && code <= 0x9f)) {
+            // Byte by byte in octal, as the name's UTF-8 holds it.
+            for (const char byte : QString(c).toUtf8())
+                text += QStringLiteral("\\%1").arg(uint(uchar(byte)), 3, 8, QChar('0'));
+        } else {
+            text += c;
+        }
+    }
+    return text;
 }
 
 bool stderrIsTerminal() {

@@ -18,6 +18,11 @@ void writeOut(const QString& text);
 // Writes `text` to stderr as it stands (the progress bar redraws one line with "\r").
 void writeErr(const QString& text);
 
+// `name` with its control characters written as `ls -b` writes them ("\n", "\t", "\033",
+// "\302\233"), and a backslash as "\\", so that a name cannot move to another line or drive the
+// terminal it is shown on.
+QString escapedName(const QString& name);
+
 bool stderrIsTerminal();
 // Columns of the terminal on stderr, or 80 when unknown.
 int terminalWidth();

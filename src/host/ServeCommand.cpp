@@ -6,9 +6,9 @@
 #include "Server.h"
 #include "SignalHandling.h"
 #include "Url.h"
+#include "base/LogFile.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QSettings>
@@ -21,10 +21,10 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen",        "mount",    "file-mode",       "dir-mode",
-                            "log",           "plugins",  "max-connections", "max-rate",
-                            "stall-timeout", "min-rate", "max-file-size",   "min-free",
-                            "partial-ttl"};
+const QStringList kSettings{
+    "listen",   "mount",           "file-mode", "dir-mode",      "log",
+    "plugins",  "max-connections", "max-rate",  "stall-timeout", "max-list-entries",
+    "min-rate", "max-file-size",   "min-free",  "partial-ttl"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins"};
 
@@ -148,6 +148,11 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
         return QString("--max-rate takes bytes per second, such as 500K or 20M");
 
+    config.maxListEntries =
+        raw.values.value("max-list-entries", QString::number(kDefaultMaxListEntries))
+            .toLongLong(&ok);
+    if (!ok || config.maxListEntries < 1)
+        return QString("--max-list-entries takes a number of at least 1");
     if (!parseRate(raw.values.value("min-rate", "1K"), &config.minRate))
         return QString("--min-rate takes bytes per second, such as 1K (0: no minimum)");
     if (!parseRate(raw.values.value("max-file-size", "0"), &config.limits.maxFileSize))
@@ -162,8 +167,8 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
-        QFile log(config.logFile);
-        if (!log.open(QIODevice::WriteOnly | QIODevice::Append))
+        // Opened here and kept: every task's log goes through this one descriptor.
+        if (!logfile::keepOpen(config.logFile))
             return QString("cannot write the log file %1").arg(config.logFile);
     }
     config.plugins = raw.values.value("plugins");
@@ -210,6 +215,10 @@ int runServe(const QStringList& args) {
          "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
          "file stays for a resume (default 120, 0: no limit).",
          "SECONDS"},
+        {"max-list-entries",
+         "Stop a listing with a failure after N entries, so that links looping back cannot "
+         "exhaust the server (default 1000000).",
+         "N"},
         {"min-rate",
          "Pause a task that moved fewer than BYTES a second over any 60 s (its partial file "
          "stays), with K, M or G for powers of 1024 (default 1K, 0: no minimum).",

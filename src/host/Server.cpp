@@ -1,5 +1,6 @@
 #include "Server.h"
 
+#include "Confinement.h"
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
@@ -157,6 +158,7 @@ int Server::run() {
     printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
                       QString::number(m_config.maxConnections)));
+    printErr(confinement::startupNotice());
 
     std::thread watchdog([this] { watchForStalls(); });
     std::thread sweeper([this] { removeStalePartials(); });
@@ -346,6 +348,7 @@ void Server::configureHandler(VeskBase* handler, int socket, const QString& peer
     handler->setParam("fileMod", m_config.fileMode);
     handler->setParam("dirMod", m_config.dirMode);
     handler->setParam("logFile", m_config.logFile);
+    handler->setListEntryLimit(m_config.maxListEntries);
     const int colon = peer.lastIndexOf(':');
     handler->setParam("clientIp", peer.left(colon));
     handler->setParam("clientPort", peer.mid(colon + 1));
@@ -364,6 +367,9 @@ void Server::runTask(quint64 id, int socket, const QString& peer) {
         printErr(QString("vesk: %1: warning: %2").arg(peer, warning));
     };
     hooks.endIdleHolder = [this](const QString& partial) { return endIdleHolder(partial); };
+    hooks.confine = [this](const QString& dir, const QStringList& paths, QString* error) {
+        return confinement::confineTask(dir, paths, m_config.logFile, error);
+    };
     Admission admission = admitTask(socket, context, hooks);
     if (admission.kind != Admission::Kind::Run) {
         QString result = "failed: " + admission.reason;

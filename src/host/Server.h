@@ -23,6 +23,10 @@
 namespace VESK {
 namespace host {
 
+// Entries of one listing, at most: far more than a real tree holds, far less than what two links
+// looping back to their own directory produce.
+constexpr qint64 kDefaultMaxListEntries = 1000000;
+
 struct AppEntry {
     QString key;
     QString dir; // relative to the mount
@@ -44,7 +48,8 @@ struct ServeConfig {
     qint64 maxRate = 0;               // bytes per second each connection sends at most; 0: no cap
     qint64 minRate = kDefaultMinRate; // bytes per second a task moves at least; 0: no minimum
     TaskLimits limits;
-    qint64 partialTtl = kDefaultPartialTtlSeconds; // partial files older are removed; 0: never
+    qint64 partialTtl = kDefaultPartialTtlSeconds;  // partial files older are removed; 0: never
+    qint64 maxListEntries = kDefaultMaxListEntries; // a longer listing fails
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".

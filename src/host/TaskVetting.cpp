@@ -17,6 +17,7 @@ const char* const kTransferInProgress = "another transfer of this file is in pro
 const char* const kPartialFileName =
     "names ending in .vesk-part are the server's partial files and cannot be used";
 const char* const kTaskParamTooLarge = "the task's parameters are larger than 64 KiB";
+const char* const kPathLeavesApplication = "the path leads outside the application's directory";
 
 namespace {
 
@@ -100,12 +101,24 @@ VettedTask vetTask(const ParamMap& params, const VettingContext& context) {
         return task;
     // Joined exactly as the handler joins them, so the checks are about the files it will use.
     task.appDir = VeskBase::pathJoin(context.mount, appPath);
-    if (op != QLatin1String("upload"))
-        return task;
     const QString root = VeskBase::pathJoin(task.appDir, params.value("rootPath"));
+    if (op == QLatin1String("download")) {
+        task.paths << VeskBase::pathJoin(VeskBase::pathJoin(root, params.value("srcPath")),
+                                         params.value("fileName"));
+        return task;
+    }
+    if (op == QLatin1String("list")) {
+        task.paths << VeskBase::pathJoin(root, params.value("srcPath"));
+        return task;
+    }
+    if (op == QLatin1String("createDir")) {
+        task.paths << VeskBase::pathJoin(root, params.value("destPath"));
+        return task;
+    }
     task.destination = VeskBase::pathJoin(VeskBase::pathJoin(root, params.value("destPath")),
                                           params.value("fileName"));
     task.partial = VeskBase::tmpFilePathFor(task.destination);
+    task.paths << QFileInfo(task.destination).path() << task.destination << task.partial;
     const qint64 fileSize = params.value("fileSize", "-1").toLongLong();
     task.refusal =
         sizeRefusal(fileSize, task.partial, params.value("bReplace") != "true", context.limits);
@@ -203,6 +216,14 @@ Admission admitTask(int socket, const VettingContext& context, const AdmissionHo
     admission.task =
         vetTask(VeskBase::unSerializeParam(QString::fromUtf8(admission.frame)), context);
     QString refusal = admission.task.refusal;
+    // Confined before anything is created for the task, so that nothing is created elsewhere.
+    QString why;
+    if (refusal.isEmpty() && !admission.task.appDir.isEmpty() && hooks.confine &&
+        !hooks.confine(admission.task.appDir, admission.task.paths, &why)) {
+        if (hooks.warn)
+            hooks.warn(why);
+        refusal = kPathLeavesApplication;
+    }
     if (refusal.isEmpty() && !admission.task.partial.isEmpty())
         refusal = claimPartialFile(admission, hooks);
     if (!refusal.isEmpty()) {

@@ -11,6 +11,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 #include <memory>
@@ -29,6 +30,7 @@ extern const char* const kReadOnly;
 extern const char* const kTransferInProgress;
 extern const char* const kPartialFileName;
 extern const char* const kTaskParamTooLarge;
+extern const char* const kPathLeavesApplication;
 
 // What a task may claim, from the server's options.
 struct TaskLimits {
@@ -51,6 +53,7 @@ struct VettedTask {
     QString appDir;         // the directory of the task's application, when it names one
     QString destination;    // an upload's destination file, and where it is received first
     QString partial;
+    QStringList paths; // what the operation will touch, joined as the handler joins them
 };
 
 // The checks that need no lock: the connection's rights, reserved names, an upload's size
@@ -83,6 +86,9 @@ struct Admission {
 struct AdmissionHooks {
     std::function<void(const QString&)> warn;
     std::function<bool(const QString& partial)> endIdleHolder;
+    // Keeps the thread that will run the task inside the application's directory `dir`; false,
+    // with the reason in `error`, when a path leaves it or the thread could not be confined.
+    std::function<bool(const QString& dir, const QStringList& paths, QString* error)> confine;
 };
 
 // Reads the TaskParam from `socket` and decides.

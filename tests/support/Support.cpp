@@ -300,4 +300,16 @@ int openDescriptorCount() {
                    .size());
 }
 
+qint64 processStatusKiB(const QString& field, qint64 pid) {
+    QFile status(pid > 0 ? QString("/proc/%1/status").arg(pid) : QString("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray prefix = field.toLatin1() + ':';
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(prefix))
+            return line.mid(prefix.size()).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
 } // namespace vesktest

@@ -148,5 +148,7 @@ bool writePatternFile(const QString& path, qint64 size, quint32 seed = 1);
 QByteArray readAll(const QString& path);
 // Open descriptors of this process (entries of /proc/self/fd).
 int openDescriptorCount();
+// A figure in KiB from /proc/PID/status, such as "VmRSS" or "VmHWM" (0: this process), or -1.
+qint64 processStatusKiB(const QString& field, qint64 pid = 0);
 
 } // namespace vesktest
