@@ -466,7 +466,7 @@ private slots:
         QCOMPARE(server.stop(), 0);
     }
 
-    void uploadWithReplaceIsVerifiedSoAStalePartialFileCannotSpoilIt() {
+    void uploadWithReplaceIsNotSpoiledByAStalePartialFile() {
         Scratch s;
         ServeProcess server(s.mount());
         QVERIFY(server.start());
@@ -476,18 +476,11 @@ private slots:
         const QString destination = s.appA() + "/p.bin";
         QVERIFY(writePatternFile(partialOf(destination), 5000, 15));
 
-        // The server appends to its partial file; the verification catches it and removes it.
-        Run run = runVesk({"upload", "--replace", original, server.url("appA")});
-        QCOMPARE(run.code, 1);
-        QCOMPARE(run.err, QString("vesk: verification failed: the copy differs from the original "
-                                  "and its partial data was removed; run the same command "
-                                  "again\n"));
-        QVERIFY(!QFileInfo::exists(destination));
-        QVERIFY(!QFileInfo::exists(partialOf(destination)));
-
-        run = runVesk({"upload", "--replace", original, server.url("appA")});
+        // The server empties the partial file before a replace, so nothing is appended to it.
+        const Run run = runVesk({"upload", "--replace", original, server.url("appA")});
         QCOMPARE(run.code, 0);
         QVERIFY(sameContents(original, destination));
+        QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(server.stop(), 0);
     }
 
@@ -863,10 +856,9 @@ private slots:
 
         // Once the place is free again, a client gets in.
         holder.reset();
-        QVERIFY(!server
-                     .waitForLine(QRegularExpression(
-                         " - - 0 bytes [0-9.]+ s failed: respond: recv TaskParam failed\\.$"))
-                     .isEmpty());
+        QVERIFY(
+            !server.waitForLine(QRegularExpression(" - - 0 bytes [0-9.]+ s failed: no TaskParam: "))
+                 .isEmpty());
         QCOMPARE(runVesk({"mkdir", server.url("appA/in")}).code, 0);
         QCOMPARE(server.stop(), 0);
     }
