@@ -19,6 +19,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <thread>
 
@@ -232,6 +233,28 @@ private slots:
         partial.reset();
         // It existed before: kept, even empty.
         QVERIFY(QFile::exists(path));
+    }
+
+    void anInstalledFileKeepsNoSourceRecord() {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(".f.bin.vesk-part");
+        const QString installed = dir.filePath("f.bin");
+        std::unique_ptr<PartialFile> partial;
+        QCOMPARE(PartialFile::acquire(path, partial), PartialFile::Outcome::Locked);
+        if (!partial->canRecordSource())
+            QSKIP("the temporary directory's file system keeps no extended attributes");
+        QVERIFY(partial->recordSource(sourceIdentity(3, 1, "false", "")));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::Append));
+        file.write("abc");
+        file.close();
+        QVERIFY(QFile::rename(path, installed));
+        partial.reset();
+        char value[64];
+        QCOMPARE(::getxattr(QFile::encodeName(installed).constData(), "user.vesk.source", value,
+                            sizeof value),
+                 ssize_t(-1));
+        QCOMPARE(readAll(installed), QByteArray("abc"));
     }
 
     void admissionRestartsAResumeFromAnotherSource() {

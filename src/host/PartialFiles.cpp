@@ -53,8 +53,12 @@ PartialFile::~PartialFile() {
     // A partial file this task created and never wrote (the data did not have to move, or the
     // task ended early) is not left behind; one that now holds the installed file was renamed.
     struct stat info;
-    if (m_created && ::fstat(m_fd, &info) == 0 && info.st_size == 0 && stillAt(m_fd, m_path))
+    const bool here = stillAt(m_fd, m_path);
+    if (m_created && ::fstat(m_fd, &info) == 0 && info.st_size == 0 && here)
         ::unlink(native(m_path).constData());
+    // Installed (renamed to its destination): the file is the user's now, without our record.
+    if (!here)
+        ::fremovexattr(m_fd, kSourceAttribute);
     ::close(m_fd); // also releases the lock
 }
 
