@@ -273,11 +273,21 @@ bool VeskBase::send(int messageNumber, const QString& text) {
     return true;
 }
 
+void VeskBase::setReceivedFrame(int messageNumber, const QByteArray& body) {
+    m_receivedNumber = messageNumber;
+    m_receivedBody = body;
+}
+
 bool VeskBase::recv(int messageNumber, QString& text) {
     QString error;
     quint32 number = 0;
     QByteArray body;
-    if (!wire::recvFrame(socketFromParams(), number, body, &error)) {
+    if (m_receivedNumber >= 0) {
+        number = quint32(m_receivedNumber);
+        body = m_receivedBody;
+        m_receivedNumber = -1;
+        m_receivedBody.clear();
+    } else if (!wire::recvFrame(socketFromParams(), number, body, &error)) {
         log("error", QStringLiteral("recv: message %1: %2").arg(messageNumber).arg(error));
         return false;
     }
@@ -392,6 +402,16 @@ QString VeskBase::getFileVerifyValue(QString& path, QString method) {
 
 QString VeskBase::generateTmpFilePath(QString& path) {
     return tmpFilePathFor(path);
+}
+
+QString VeskBase::appDirFromTable(const QString& table, const QString& appKey) {
+    QMap<QString, QString> dirs;
+    for (const QString& entry : table.split('%', Qt::SkipEmptyParts)) {
+        const QStringList parts = entry.split(':', Qt::SkipEmptyParts);
+        if (parts.size() == 2)
+            dirs.insert(parts.at(0), parts.at(1));
+    }
+    return dirs.value(appKey);
 }
 
 QString VeskBase::tmpFilePathFor(const QString& path) {

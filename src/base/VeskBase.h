@@ -3,6 +3,7 @@
 // The base class of every vesk protocol handler: parameter store, control messages over a UDT
 // socket, logging, and the path, file and verify helpers the handlers share.
 
+#include <QByteArray>
 #include <QMap>
 #include <QMutex>
 #include <QObject>
@@ -55,6 +56,14 @@ public:
     static bool chmodRecursively(const QString& base, const QString& path, int mode);
     // Where `path` is received before it is complete: dir/.name.vesk-part beside it.
     static QString tmpFilePathFor(const QString& path);
+    // The directory of application `appKey` in an "appPath" table ("key:dir%key:dir"), or "" when
+    // the table has no such key. An entry that does not split into exactly two non-empty parts
+    // (a directory holding a colon, say) is skipped; a later key wins.
+    static QString appDirFromTable(const QString& table, const QString& appKey);
+
+    // For the server host, which reads and checks a peer's first message itself before the
+    // handler runs: the next recv() returns this frame instead of reading the socket.
+    void setReceivedFrame(int messageNumber, const QByteArray& body);
 
     // The integer a handler passes for an empty "fileMod"/"dirMod": keep the created mode.
     static constexpr int kModeNotConfigured = 777;
@@ -97,6 +106,9 @@ private:
     qint64 m_listEntryLimit = 0;
     qint64 m_listEntriesSent = 0;
     QMutex m_logMutex;
+    // A frame the host already read (setReceivedFrame); number -1 when there is none.
+    int m_receivedNumber = -1;
+    QByteArray m_receivedBody;
 };
 
 } // namespace VESK

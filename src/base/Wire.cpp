@@ -1,5 +1,9 @@
 #include "Wire.h"
 
+#include "Net.h"
+
+#include <QDeadlineTimer>
+
 #include <QtEndian>
 
 #include <udt/udt.h>
@@ -135,20 +139,22 @@ bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error) {
 namespace {
 
 // recvAll within what is left of `deadline`: each receive waits at most the time remaining.
-bool recvAllBefore(int socket, char* data, qint64 len, const QDeadlineTimer& deadline,
-                   QString* error) {
+// `late` tells a missed deadline from a broken connection.
+bool recvAllBy(int socket, char* data, qint64 len, const QDeadlineTimer& deadline, bool* late,
+               QString* error) {
     while (len > 0) {
-        const int left = int(std::min<qint64>(deadline.remainingTime(), 1 << 30));
-        if (left <= 0) {
-            setError(error, QStringLiteral("receive failed: time limit reached"));
+        const qint64 left = deadline.remainingTime();
+        if (left == 0) {
+            *late = true;
+            setError(error, QStringLiteral("the time limit was reached"));
             return false;
         }
-        UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &left, sizeof left);
+        net::setReceiveTimeout(socket, int(std::clamp<qint64>(left, 1, 1 << 30)));
         const int n = UDT::recv(socket, data, int(std::min<qint64>(len, 1 << 30)), 0);
         if (n == UDT::ERROR || n <= 0) {
-            setError(error, deadline.hasExpired()
-                                ? QStringLiteral("receive failed: time limit reached")
-                                : QStringLiteral("receive failed: %1").arg(lastUdtError()));
+            *late = deadline.hasExpired();
+            setError(error, *late ? QStringLiteral("the time limit was reached")
+                                  : QStringLiteral("receive failed: %1").arg(lastUdtError()));
             return false;
         }
         data += n;
@@ -157,31 +163,28 @@ bool recvAllBefore(int socket, char* data, qint64 len, const QDeadlineTimer& dea
     return true;
 }
 
-bool recvFrameBeforeImpl(int socket, quint32& number, QByteArray& body,
-                         const QDeadlineTimer& deadline, quint32 maxBody, QString* error) {
-    char bytes[kHeaderBytes];
-    if (!recvAllBefore(socket, bytes, sizeof bytes, deadline, error))
-        return false;
-    FrameHeader header;
-    if (!decodeHeader(bytes, header, error))
-        return false;
-    if (header.length > maxBody) {
-        setError(error, overLimit(header, maxBody));
-        return false;
-    }
-    number = header.number;
-    body.resize(int(header.length));
-    return recvAllBefore(socket, body.data(), body.size(), deadline, error);
-}
-
 } // namespace
 
-bool recvFrameBefore(int socket, quint32& number, QByteArray& body, const QDeadlineTimer& deadline,
-                     quint32 maxBody, QString* error) {
-    const bool received = recvFrameBeforeImpl(socket, number, body, deadline, maxBody, error);
-    const int unlimited = -1;
-    UDT::setsockopt(socket, 0, UDT_RCVTIMEO, &unlimited, sizeof unlimited);
-    return received;
+Received recvFrameWithin(int socket, const QDeadlineTimer& deadline, quint32 maxBody,
+                         quint32& number, QByteArray& body, QString* error) {
+    bool late = false;
+    Received result = Received::Frame;
+    char bytes[kHeaderBytes];
+    FrameHeader header;
+    if (!recvAllBy(socket, bytes, sizeof bytes, deadline, &late, error)) {
+        result = late ? Received::TimedOut : Received::Failed;
+    } else if (!decodeHeader(bytes, header, error) || header.length > maxBody) {
+        number = header.number;
+        setError(error, overLimit(header, std::min(maxBody, kMaxBodyBytes)));
+        result = Received::TooLong;
+    } else {
+        number = header.number;
+        body.resize(int(header.length));
+        if (!recvAllBy(socket, body.data(), header.length, deadline, &late, error))
+            result = late ? Received::TimedOut : Received::Failed;
+    }
+    net::setReceiveTimeout(socket, -1);
+    return result;
 }
 
 } // namespace wire

@@ -51,11 +51,19 @@ bool sendFrame(int socket, quint32 number, const QByteArray& body, QString* erro
 // Reads one frame of any number. Fails on a transport error or an over-long length; the body of
 // such a frame is not read, so the connection is of no further use afterwards.
 bool recvFrame(int socket, quint32& number, QByteArray& body, QString* error = nullptr);
-// Reads one frame that must arrive whole before `deadline` and announce at most `maxBody` bytes.
-// The time limit covers the whole frame, not each piece of it, so a peer that trickles a byte
-// now and then cannot stretch it. The socket is left without a receive time limit afterwards.
-bool recvFrameBefore(int socket, quint32& number, QByteArray& body, const QDeadlineTimer& deadline,
-                     quint32 maxBody, QString* error = nullptr);
+enum class Received {
+    Frame,    // a whole frame arrived in time
+    TooLong,  // its header announced more than the caller accepts; the body was not read
+    TimedOut, // the whole frame did not arrive in time
+    Failed,   // the connection broke
+};
+
+// Reads one frame of any number whose body is at most `maxBody` bytes, all of it before
+// `deadline` (a limit on the whole frame, not on each read, so a peer that trickles a byte at a
+// time cannot hold the reader; one deadline may also span several frames). The body of a frame
+// over the limit is not read. The socket waits without limit again afterwards.
+Received recvFrameWithin(int socket, const QDeadlineTimer& deadline, quint32 maxBody,
+                         quint32& number, QByteArray& body, QString* error = nullptr);
 
 } // namespace wire
 } // namespace VESK

@@ -8,16 +8,8 @@
 namespace VESK {
 
 QString VeskHandler2_0_0::getAppPath(const QString& appKey) {
-    // "key:dir%key:dir": parsed anew at every call. An entry that does not split into exactly
-    // two non-empty parts (a directory holding a colon, say) is skipped; a later key wins.
-    QMap<QString, QString> table;
-    const QStringList entries = getParam("appPath", "").split('%', Qt::SkipEmptyParts);
-    for (const QString& entry : entries) {
-        const QStringList parts = entry.split(':', Qt::SkipEmptyParts);
-        if (parts.size() == 2)
-            table.insert(parts.at(0), parts.at(1));
-    }
-    return table.value(appKey);
+    // Parsed anew at every call, so a changed "appPath" takes effect at once.
+    return appDirFromTable(getParam("appPath", ""), appKey);
 }
 
 bool VeskHandler2_0_0::resolveAppRoot(const QString& function, QString& root) {

@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include <QMap>
+
 #include "Console.h"
 
 #include <QRegularExpression>
@@ -37,6 +39,18 @@ bool parseRate(const QString& text, qint64* bytesPerSecond) {
     if ((value > 0 && value < 1) || value >= 9e18)
         return false;
     *bytesPerSecond = qint64(value);
+    return true;
+}
+
+bool parseDuration(const QString& text, qint64* seconds) {
+    static const QRegularExpression form(QStringLiteral("^(\\d{1,12})([smhd]?)$"),
+                                         QRegularExpression::CaseInsensitiveOption);
+    const QRegularExpressionMatch match = form.match(text.trimmed());
+    if (!match.hasMatch())
+        return false;
+    static const QMap<QString, qint64> units{
+        {"", 1}, {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+    *seconds = match.captured(1).toLongLong() * units.value(match.captured(2).toLower());
     return true;
 }
 

@@ -28,6 +28,8 @@ int usageError(const QString& command, const QString& message);
 // Reads a rate in bytes per second: a number with an optional K, M or G (powers of 1024), such
 // as "500K" or "1.5G"; 0 means no limit. False for anything else.
 bool parseRate(const QString& text, qint64* bytesPerSecond);
+// A duration: a whole number of seconds, or of minutes, hours or days with m, h or d ("7d").
+bool parseDuration(const QString& text, qint64* seconds);
 
 // The option every command that loads the plug-in takes.
 QCommandLineOption pluginsOption();

@@ -29,7 +29,8 @@ bool recvMap(int socket, quint32 expected, const QDeadlineTimer& deadline, Param
              QString* error) {
     quint32 number = 0;
     QByteArray body;
-    if (!wire::recvFrameBefore(socket, number, body, deadline, kMaxHelloBytes, error))
+    if (wire::recvFrameWithin(socket, deadline, kMaxHelloBytes, number, body, error) !=
+        wire::Received::Frame)
         return false;
     if (number != expected) {
         if (error)

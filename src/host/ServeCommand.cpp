@@ -24,9 +24,10 @@ namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
 const QStringList kSettings{
-    "listen",    "mount",           "file-mode",     "dir-mode",        "log",
-    "plugins",   "max-connections", "max-rate",      "stall-timeout",   "secrets",
-    "anonymous", "max-per-address", "hello-timeout", "max-list-entries"};
+    "listen",        "mount",           "file-mode",     "dir-mode",         "log",
+    "plugins",       "max-connections", "max-rate",      "stall-timeout",    "secrets",
+    "anonymous",     "max-per-address", "hello-timeout", "max-list-entries", "min-rate",
+    "max-file-size", "min-free",        "partial-ttl"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins", "secrets"};
 
@@ -207,6 +208,16 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
             .toLongLong(&ok);
     if (!ok || config.maxListEntries < 1)
         return QString("--max-list-entries takes a number of at least 1");
+    if (!parseRate(raw.values.value("min-rate", "1K"), &config.minRate))
+        return QString("--min-rate takes bytes per second, such as 1K (0: no minimum)");
+    if (!parseRate(raw.values.value("max-file-size", "0"), &config.limits.maxFileSize))
+        return QString("--max-file-size takes a size in bytes, such as 500M or 4G (0: no limit)");
+    config.limits.minFreePercent = raw.values.value("min-free", "1").toInt(&ok);
+    if (!ok || config.limits.minFreePercent < 0 || config.limits.minFreePercent > 100)
+        return QString("--min-free takes a percentage from 0 to 100");
+    if (!parseDuration(raw.values.value("partial-ttl", "7d"), &config.partialTtl))
+        return QString("--partial-ttl takes a duration such as 7d, 12h, 30m or 90 (seconds; 0: "
+                       "never)");
 
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
@@ -280,6 +291,22 @@ int runServe(const QStringList& args) {
          "Stop a listing with a failure after N entries, so that links looping back cannot "
          "exhaust the server (default 1000000).",
          "N"},
+        {"min-rate",
+         "Pause a task that moved fewer than BYTES a second over any 60 s (its partial file "
+         "stays), with K, M or G for powers of 1024 (default 1K, 0: no minimum).",
+         "BYTES"},
+        {"max-file-size",
+         "Refuse an upload of a file larger than SIZE bytes, with K, M or G (default 0: no "
+         "limit).",
+         "SIZE"},
+        {"min-free",
+         "Refuse an upload that would leave less than PERCENT of its file system free (default "
+         "1).",
+         "PERCENT"},
+        {"partial-ttl",
+         "Remove partial files of unfinished uploads untouched for DURATION: seconds, or with "
+         "m, h or d (default 7d, 0: keep them).",
+         "DURATION"},
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group, access lines in an [access] group); the command line wins.",

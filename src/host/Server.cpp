@@ -4,6 +4,7 @@
 #include "Console.h"
 #include "ErrorText.h"
 #include "HostHello.h"
+#include "PartialFiles.h"
 #include "TaskLog.h"
 #include "Transfer.h"
 #include "base/Net.h"
@@ -32,6 +33,10 @@ constexpr int kMaxRefusing = 16;
 constexpr int kTaskParamAck = 6;
 // How often running tasks are checked for progress.
 constexpr int kStallCheckMs = 250;
+// An upload that received nothing for this long gives its partial file up to another upload of
+// the same file: its client is most likely gone (killed, or its machine down) without a word,
+// which the connection itself would notice only much later.
+constexpr qint64 kIdleHolderMs = 3000;
 
 void sendRefusalAck(int socket, const QString& errorType) {
     const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
@@ -169,6 +174,7 @@ int Server::run() {
     printErr(confinement::startupNotice());
 
     std::thread watchdog([this] { watchForStalls(); });
+    std::thread sweeper([this] { removeStalePartials(); });
     int status = kExitOk;
     for (;;) {
         QString peer;
@@ -228,6 +234,7 @@ int Server::run() {
         m_stopped.notify_all();
     }
     watchdog.join();
+    sweeper.join();
     UDT::close(listener);
     printErr("vesk: stopped");
     return status;
@@ -254,6 +261,41 @@ void Server::stop() {
         }
     }
     printErr(QString("vesk: stopping; %1 running task(s) paused").arg(paused));
+}
+
+bool Server::endIdleHolder(const QString& partial) {
+    // A live transfer shows progress at every check; one whose client is gone shows none, once
+    // what was already on its way has been written. The holder is watched until either is
+    // clear, so a live one is refused within about a second.
+    constexpr int kProgressSeen = 4;
+    int progressSeen = 0;
+    qint64 lastIdle = -1;
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < kIdleHolderMs * 3) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            Connection* holder = nullptr;
+            for (auto& entry : m_connections) {
+                if (entry.second.handler && entry.second.partial == partial)
+                    holder = &entry.second;
+            }
+            // Held by another server (not ours to end), or by a task here that has ended since
+            // it was seen (by a stall, say), whose lock is going.
+            if (!holder)
+                return lastIdle >= 0;
+            const qint64 idle = holder->watch->idleMs();
+            if (idle < lastIdle && ++progressSeen >= kProgressSeen)
+                return false;
+            if (idle >= kIdleHolderMs) {
+                holder->handler->pause();
+                return true;
+            }
+            lastIdle = idle;
+        }
+        QThread::msleep(kStallCheckMs / 2);
+    }
+    return false;
 }
 
 QString Server::helloRefusal(const QString& protocol, const QString& version) const {
@@ -333,25 +375,53 @@ void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPoli
     PluginLoader::Handler handler = m_loader.create();
     configureHandler(handler.get(), socket, peer, policy);
     TaskLog log(handler.get());
+    QElapsedTimer clock;
+    clock.start();
+    const VettingContext context{m_config.mount, m_config.appTable(policy.apps), policy,
+                                 m_config.limits};
+    AdmissionHooks hooks;
+    hooks.warn = [&peer](const QString& warning) {
+        printErr(QString("vesk: %1: warning: %2").arg(peer, warning));
+    };
+    hooks.endIdleHolder = [this](const QString& partial) { return endIdleHolder(partial); };
+    hooks.confine = [this](const QString& dir, const QStringList& paths, QString* error) {
+        return confinement::confineTask(dir, paths, m_config.logFile, error);
+    };
+    Admission admission = admitTask(socket, context, hooks);
+    if (admission.kind != Admission::Kind::Run) {
+        QString result = "failed: " + admission.reason;
+        if (admission.kind == Admission::Kind::Refuse) {
+            sendRefusalAck(socket, admission.refusal);
+            result = "refused: " + admission.refusal;
+            // Only for the summary line: the handler does not run.
+            handler->setParams(admission.task.params);
+        }
+        printSummary(peer, handler.get(), 0, clock, result);
+        handler.reset();
+        net::drainAndClose(socket);
+        return;
+    }
+    handler->setReceivedFrame(int(admission.number), admission.frame);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = handler.get();
-        m_connections[id].watch =
-            std::make_shared<StallWatch>(socket, currentThreadId(), m_config.stallTimeout);
+        m_connections[id].partial = admission.task.partial;
+        m_connections[id].watch = std::make_shared<StallWatch>(
+            socket, currentThreadId(), m_config.stallTimeout, m_config.minRate);
         // A stop that came between the hello and now found no handler to pause.
         if (m_stopping)
             handler->pause();
     }
-    QElapsedTimer clock;
-    clock.start();
     const bool ok = handler->process();
-    const double seconds = double(clock.elapsed()) / 1000.0;
     bool stalled = false;
+    bool slow = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_connections[id].handler = nullptr;
         m_connections[id].watch.reset();
+        m_connections[id].partial.clear();
         stalled = m_connections[id].stalled;
+        slow = m_connections[id].slow;
     }
 
     QString result = QStringLiteral("success");
@@ -365,6 +435,10 @@ void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPoli
             // The client still waits for an answer: tell it why instead of just hanging up.
             sendRefusalAck(socket, refusal);
             result = "refused: " + refusal;
+        } else if (slow && lastError == QLatin1String("pause")) {
+            result =
+                QString("too slow: under %1 bytes/s over %2 s, paused")
+                    .arg(QString::number(m_config.minRate), QString::number(kMinRateWindowSeconds));
         } else if (stalled && lastError == QLatin1String("pause")) {
             result = QString("stalled: no progress for %1 s, paused")
                          .arg(QString::number(m_config.stallTimeout));
@@ -376,15 +450,23 @@ void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPoli
             result = "failed: " + failureReason(errors, lastError);
         }
     }
-    const QString op = handler->getParam("operator", "");
     const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
                                                  paramNumber(handler.get(), "transferBeginSize"));
-    printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
-                 .arg(peer, op.isEmpty() ? "-" : summaryField(op),
-                      summaryField(taskPath(handler.get())), QString::number(bytes),
-                      QString::number(seconds, 'f', 2), summaryField(result)));
+    printSummary(peer, handler.get(), bytes, clock, result);
     handler.reset();
+    // The partial file stays locked until the handler is done with it.
+    admission.partialFile.reset();
     net::drainAndClose(socket);
+}
+
+void Server::printSummary(const QString& peer, VeskBase* handler, qint64 bytes,
+                          const QElapsedTimer& clock, const QString& result) const {
+    const QString op = handler->getParam("operator", "");
+    const double seconds = double(clock.elapsed()) / 1000.0;
+    printOut(QString("%1 %2 %3 %4 bytes %5 s %6")
+                 .arg(peer, op.isEmpty() ? "-" : summaryField(op), summaryField(taskPath(handler)),
+                      QString::number(bytes), QString::number(seconds, 'f', 2),
+                      summaryField(result)));
 }
 
 QString Server::taskPath(VeskBase* handler) const {
@@ -426,13 +508,34 @@ void Server::watchForStalls() {
         busy = !m_connections.empty();
         for (auto& entry : m_connections) {
             Connection& connection = entry.second;
-            if (m_stopping || !connection.handler || connection.stalled ||
-                !connection.watch->stalled())
+            if (m_stopping || !connection.handler || connection.stalled || connection.slow)
                 continue;
+            connection.stalled = connection.watch->stalled();
+            connection.slow = !connection.stalled && connection.watch->tooSlow();
             // pause() closes the task's socket, which ends a blocked receive or transfer.
-            connection.stalled = true;
-            connection.handler->pause();
+            if (connection.stalled || connection.slow)
+                connection.handler->pause();
         }
+    }
+}
+
+void Server::removeStalePartials() {
+    const qint64 ttl = m_config.partialTtl;
+    if (ttl <= 0)
+        return;
+    // Often enough that a file is not kept much longer than its time to live, at most hourly.
+    const auto period = std::chrono::seconds(std::max<qint64>(1, std::min<qint64>(ttl / 4, 3600)));
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping && m_accepting) {
+        lock.unlock();
+        int removed = 0;
+        for (const AppEntry& app : m_config.apps)
+            removed += removeStalePartialFiles(m_config.appDirectory(app.key), ttl);
+        if (removed > 0)
+            printErr(QString("vesk: removed %1 partial file(s) untouched for %2 s")
+                         .arg(QString::number(removed), QString::number(ttl)));
+        lock.lock();
+        m_stopped.wait_for(lock, period, [this] { return m_stopping || !m_accepting; });
     }
 }
 

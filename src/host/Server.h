@@ -8,8 +8,10 @@
 #include "PluginLoader.h"
 #include "StallWatch.h"
 #include "TaskPolicy.h"
+#include "TaskVetting.h"
 
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QList>
 #include <QString>
 
@@ -33,6 +35,9 @@ struct AppEntry {
     QString dir; // relative to the mount
 };
 
+// Partial files nobody resumed for a week are removed.
+constexpr qint64 kDefaultPartialTtlSeconds = 7 * 24 * 3600;
+
 struct ServeConfig {
     QString host = QStringLiteral("127.0.0.1");
     quint16 port = 9000;
@@ -48,7 +53,10 @@ struct ServeConfig {
     QMap<QString, QByteArray> secrets; // user -> secret
     AccessRules access;                // who may use which application when authenticating
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
-    qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
+    qint64 maxRate = 0;               // bytes per second each connection sends at most; 0: no cap
+    qint64 minRate = kDefaultMinRate; // bytes per second a task moves at least; 0: no minimum
+    TaskLimits limits;
+    qint64 partialTtl = kDefaultPartialTtlSeconds;  // partial files older are removed; 0: never
     qint64 maxListEntries = kDefaultMaxListEntries; // a longer listing fails
     QString plugins;
 
@@ -93,6 +101,8 @@ private:
         VeskBase* handler = nullptr;       // set while process() runs
         std::shared_ptr<StallWatch> watch; // likewise
         bool stalled = false;              // the watch paused the task
+        bool slow = false;                 // ... because it moved too little
+        QString partial;                   // the partial file an upload holds
     };
 
     void serveConnection(quint64 id, int socket, const QString& peer);
@@ -106,12 +116,21 @@ private:
     void runTask(quint64 id, int socket, const QString& peer, const TaskPolicy& policy);
     void configureHandler(VeskBase* handler, int socket, const QString& peer,
                           const TaskPolicy& policy) const;
+    // Pauses the task that holds `partial` when it has received nothing for a while; waits a
+    // little to see. True when it was paused.
+    bool endIdleHolder(const QString& partial);
     QString helloRefusal(const QString& protocol, const QString& version) const;
     QString taskPath(VeskBase* handler) const;
+    // The one line per task on stdout.
+    void printSummary(const QString& peer, VeskBase* handler, qint64 bytes,
+                      const QElapsedTimer& clock, const QString& result) const;
     void finishConnection(quint64 id);
     // Runs on a thread of its own until the server stops: pauses each task that made no
     // progress for the stall timeout, so its partial file stays for a resume.
     void watchForStalls();
+    // Runs on a thread of its own until the server stops: removes partial files untouched for
+    // longer than their time to live, at start and then regularly.
+    void removeStalePartials();
 
     const ServeConfig m_config;
     const PluginLoader& m_loader;

@@ -31,11 +31,29 @@ pid_t currentThreadId() {
     return ::gettid();
 }
 
-StallWatch::StallWatch(int socket, pid_t worker, int timeoutSeconds)
+StallWatch::StallWatch(int socket, pid_t worker, int timeoutSeconds, qint64 minRate)
     : m_socket(socket)
     , m_worker(worker)
-    , m_timeoutSeconds(timeoutSeconds) {
+    , m_timeoutSeconds(timeoutSeconds)
+    , m_minRate(minRate) {
     m_sinceProgress.start();
+    m_sinceStart.start();
+}
+
+bool StallWatch::tooSlow() {
+    if (m_minRate <= 0)
+        return false;
+    const qint64 windowMs = qint64(kMinRateWindowSeconds) * 1000;
+    const qint64 now = m_sinceStart.elapsed();
+    const qint64 bytes = threadIoBytes(m_worker);
+    m_samples.emplace_back(now, bytes);
+    // The oldest sample kept is the last one at least a window old.
+    while (m_samples.size() > 1 && m_samples[1].first <= now - windowMs)
+        m_samples.pop_front();
+    const auto& start = m_samples.front();
+    if (now - start.first < windowMs)
+        return false;
+    return bytes - start.second < m_minRate * kMinRateWindowSeconds;
 }
 
 qint64 StallWatch::progressCount() const {
@@ -48,15 +66,17 @@ qint64 StallWatch::progressCount() const {
 }
 
 bool StallWatch::stalled() {
-    if (m_timeoutSeconds <= 0)
-        return false;
     const qint64 count = progressCount();
     if (count != m_lastCount) {
         m_lastCount = count;
         m_sinceProgress.restart();
         return false;
     }
-    return m_sinceProgress.elapsed() >= qint64(m_timeoutSeconds) * 1000;
+    return m_timeoutSeconds > 0 && m_sinceProgress.elapsed() >= qint64(m_timeoutSeconds) * 1000;
+}
+
+qint64 StallWatch::idleMs() const {
+    return m_sinceProgress.elapsed();
 }
 
 } // namespace host

@@ -12,7 +12,7 @@
 //                 stall timeout
 //   kill-when     --file F --bytes N (--pid PID | -- COMMAND ARGS...) [--timeout S]
 //                 SIGKILL once F holds N bytes; exit 0 when killed, 3 when it ended first
-//   trickle       --port P --count N [--interval MS] [--hold S]
+//   trickle-hello --port P --count N [--interval MS] [--hold S]
 //                 N connections that each send their hello one byte per MS; exit 0 when the
 //                 server cut every one of them before its hello was complete
 //   idle          --port P --count N --hold S
@@ -20,11 +20,20 @@
 //   probe         --port P --user U --count N
 //                 a peer without the secret: tasks sent past the challenge for several
 //                 application keys, then N guesses of U's secret; prints every answer
+//   ack           --port P [--op OP] [--set KEY=VALUE...]
+//                 sends one crafted TaskParam and prints the server's acknowledgement
+//   trickle       --port P --phase taskparam|data --every MS --hold S
+//                 sends a TaskParam (or an upload's data) a little at a time; exit 0 when the
+//                 server closed the connection within S seconds
+//   big-taskparam --port P --count N --mib M
+//                 N connections at once, each sending a TaskParam of M MiB; exit 0 when each
+//                 was refused
 
 #include "base/Net.h"
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -614,6 +623,8 @@ int runStall(const Options& options) {
         params["fileName"] = QFileInfo(file).fileName();
         params["destPath"] = options.value("dest", "stall");
         params["fileSize"] = QString::number(QFileInfo(file).size());
+        // As a vesk client describes the file, so that a real upload of it resumes.
+        params["mtime"] = QString::number(QFileInfo(file).lastModified().toSecsSinceEpoch());
         quint32 number = 0;
         ParamMap ack;
         if (!peer.sendMap(kTaskParam, params) ||
@@ -745,7 +756,7 @@ int runKillWhen(const Options& options, const QStringList& command) {
 
 // Connections that trickle their hello: every one sends its next byte each `interval` ms, which
 // is progress for any per-read time limit, but the hello as a whole arrives far too late.
-int runTrickle(const Options& options) {
+int runTrickleHello(const Options& options) {
     const quint16 port = quint16(options.number("port", 0));
     const int count = int(options.number("count", 8));
     const int intervalMs = int(options.number("interval", 500));
@@ -866,6 +877,123 @@ int runProbe(const Options& options) {
     return ok ? 0 : 1;
 }
 
+// ---- Crafted and greedy task parameters -------------------------------------------------------
+
+int runAck(const Options& options) {
+    ParamMap params = taskParam(options.value("op", "upload"));
+    for (int i = 0; i + 1 < options.args.size(); ++i) {
+        if (options.args.at(i) != QLatin1String("--set"))
+            continue;
+        const QString pair = options.args.at(i + 1);
+        const int equals = pair.indexOf('=');
+        params[pair.left(equals)] = pair.mid(equals + 1);
+    }
+    Peer peer(quint16(options.number("port", 0)));
+    quint32 number = 0;
+    ParamMap ack;
+    if (!peer.connected() || !peer.hello() || !peer.sendMap(kTaskParam, params) ||
+        peer.receiveMap(number, ack, kCaseBoundMs) != Got::Frame) {
+        std::printf("ack: none\n");
+        return 1;
+    }
+    std::printf("ack: message %u %s\n", number, qPrintable(VeskBase::serializeParam(ack)));
+    return 0;
+}
+
+// Waits until the server closes the connection, at most until `holdMs` has passed on `clock`.
+int closedWithin(Peer& peer, const QElapsedTimer& clock, int holdMs, const char* what) {
+    while (clock.elapsed() < holdMs) {
+        if (UDT::getsockstate(peer.socket()) != CONNECTED) {
+            std::printf("trickle %s: the server closed the connection after %.1f s\n", what,
+                        clock.elapsed() / 1000.0);
+            return 0;
+        }
+        QThread::msleep(20);
+    }
+    std::printf("trickle %s: still open after %.1f s\n", what, clock.elapsed() / 1000.0);
+    return 1;
+}
+
+int runTrickle(const Options& options) {
+    const QString phase = options.value("phase", "taskparam");
+    const int everyMs = int(options.number("every", 1000));
+    const int holdMs = int(options.number("hold", 20)) * 1000;
+    Peer peer(quint16(options.number("port", 0)));
+    if (!peer.connected() || !peer.hello()) {
+        std::printf("trickle: no accepted connection\n");
+        return 2;
+    }
+    ParamMap params = taskParam("upload");
+    params["fileName"] = "trickled.bin";
+    params["fileSize"] = QString::number(64 << 20);
+    const QByteArray frame =
+        wire::encodeFrame(kTaskParam, VeskBase::serializeParam(params).toUtf8());
+    QElapsedTimer clock;
+    clock.start();
+    if (phase == QLatin1String("taskparam")) {
+        // One byte at a time: every packet is progress, but the whole never arrives in time.
+        for (int i = 0; i < frame.size() && UDT::getsockstate(peer.socket()) == CONNECTED &&
+                        clock.elapsed() < holdMs;
+             ++i) {
+            peer.sendRaw(frame.mid(i, 1));
+            QThread::msleep(everyMs);
+        }
+        return closedWithin(peer, clock, holdMs, "taskparam");
+    }
+    quint32 number = 0;
+    ParamMap ack;
+    if (!peer.sendRaw(frame) || peer.receiveMap(number, ack, kCaseBoundMs) != Got::Frame ||
+        ack.value("ackRespond") != QLatin1String("true")) {
+        std::printf("trickle: the upload was not accepted\n");
+        return 2;
+    }
+    clock.restart();
+    // 64 bytes at a time: always some progress, far below any useful rate.
+    while (UDT::getsockstate(peer.socket()) == CONNECTED && clock.elapsed() < holdMs) {
+        peer.sendRaw(QByteArray(64, 't'));
+        QThread::msleep(everyMs);
+    }
+    return closedWithin(peer, clock, holdMs, "data");
+}
+
+int runBigTaskParam(const Options& options) {
+    const quint16 port = quint16(options.number("port", 0));
+    const int count = int(options.number("count", 4));
+    const quint32 bytes = quint32(options.number("mib", 16)) * 1024u * 1024u;
+    std::vector<QString> answers(size_t(count), QString("none"));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            Peer peer(port);
+            if (!peer.connected() || !peer.hello())
+                return;
+            // The body goes out from a thread of its own, as fast as the server takes it.
+            std::thread body([&] {
+                peer.sendRaw(header(kTaskParam, bytes));
+                const QByteArray chunk(1 << 20, 'p');
+                for (quint32 sent = 0; sent < bytes; sent += quint32(chunk.size())) {
+                    if (!peer.sendRaw(chunk))
+                        break;
+                }
+            });
+            quint32 number = 0;
+            ParamMap ack;
+            if (peer.receiveMap(number, ack, kCaseBoundMs) == Got::Frame)
+                answers[size_t(i)] = ack.value("ackRespond") + ": " + ack.value("errorType");
+            peer.hangUp();
+            body.join();
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    int refused = 0;
+    for (const QString& answer : answers) {
+        std::printf("  big-taskparam: %s\n", qPrintable(answer));
+        refused += answer.startsWith(QLatin1String("false: "));
+    }
+    return refused == count ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -887,14 +1015,20 @@ int main(int argc, char** argv) {
         return runSilentServer(options);
     if (mode == QLatin1String("kill-when"))
         return runKillWhen(options, command);
-    if (mode == QLatin1String("trickle"))
-        return runTrickle(options);
+    if (mode == QLatin1String("trickle-hello"))
+        return runTrickleHello(options);
     if (mode == QLatin1String("idle"))
         return runIdle(options);
     if (mode == QLatin1String("probe"))
         return runProbe(options);
-    std::fprintf(stderr, "usage: reliability_peer "
-                         "hostile|burst|stall|silent-server|kill-when|trickle|idle|probe "
-                         "OPTIONS (see the source's header)\n");
+    if (mode == QLatin1String("ack"))
+        return runAck(options);
+    if (mode == QLatin1String("trickle"))
+        return runTrickle(options);
+    if (mode == QLatin1String("big-taskparam"))
+        return runBigTaskParam(options);
+    std::fprintf(stderr, "usage: reliability_peer hostile|burst|stall|silent-server|kill-when|"
+                         "trickle-hello|idle|probe|ack|trickle|big-taskparam OPTIONS (see the "
+                         "source's header)\n");
     return 2;
 }
