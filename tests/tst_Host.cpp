@@ -455,6 +455,14 @@ private:
     QTemporaryDir m_data;
     QString m_big;
 
+    // The big file inside an application's directory: a hard link (a symbolic link would lead
+    // outside it, where a server task cannot reach), or a copy across file systems.
+    bool placeBigFile(const QString& path) const {
+        return ::link(QFile::encodeName(m_big).constData(), QFile::encodeName(path).constData()) ==
+                   0 ||
+               QFile::copy(m_big, path);
+    }
+
 private slots:
     void initTestCase() {
         QVERIFY(QFileInfo(kVesk).isExecutable());
@@ -812,7 +820,8 @@ private slots:
         QVERIFY(writePatternFile(partialOf(uploaded), 1024 * 1024, 32));
         Run run = runVesk({"upload", source, server.url("appA")});
         QCOMPARE(run.code, 0);
-        QVERIFY2(run.err.contains("starting again from the beginning"), qPrintable(run.err));
+        // The server knows its partial file came from another source and starts at 0 itself.
+        QVERIFY2(!run.err.contains("resumed"), qPrintable(run.err));
         QVERIFY(sameContents(source, uploaded));
         QVERIFY(!QFileInfo::exists(partialOf(uploaded)));
 
@@ -834,7 +843,7 @@ private slots:
         ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
         QVERIFY(server.start());
         QVERIFY(QDir().mkpath(s.appA()));
-        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        QVERIFY(placeBigFile(s.appA() + "/big.bin"));
         const QString destination = s.local() + "/big.bin";
 
         QProcess first;
@@ -885,8 +894,7 @@ private slots:
         // The server empties the partial file before a replace, so nothing is appended to it.
         const Run run = runVesk({"upload", "--replace", original, server.url("appA")});
         QCOMPARE(run.code, 0);
-        QVERIFY2(run.err.startsWith("vesk: the copy did not match its source"),
-                 qPrintable(run.err));
+        QVERIFY2(!run.err.contains("did not match"), qPrintable(run.err));
         QVERIFY(sameContents(original, destination));
         QVERIFY(!QFileInfo::exists(partialOf(destination)));
         QCOMPARE(server.stop(), 0);
@@ -1137,7 +1145,7 @@ private slots:
         ServeProcess server(s.mount());
         QVERIFY(server.start());
         QVERIFY(QDir().mkpath(s.appA()));
-        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        QVERIFY(placeBigFile(s.appA() + "/big.bin"));
         // An older local copy (sparse, so it costs no disk) keeps the client busy computing its
         // verify value, which a closed socket cannot cut short: the first interrupt pauses,
         // and the second, while the task still runs, turns the pause into a cancel.
@@ -1178,7 +1186,7 @@ private slots:
         ServeProcess server(s.mount(), {"--max-rate", kInterruptedRate});
         QVERIFY(server.start());
         QVERIFY(QDir().mkpath(s.appA()));
-        QVERIFY(QFile::link(m_big, s.appA() + "/big.bin"));
+        QVERIFY(placeBigFile(s.appA() + "/big.bin"));
         const QString destination = s.local() + "/big.bin";
 
         PtyProcess client;
@@ -1650,8 +1658,7 @@ private slots:
             server.waitForLine(QRegularExpression("^$"), 50);
             notes += server.stderrText();
         }
-        QVERIFY2(notes.contains("sent no hello (receive failed: time limit reached)"),
-                 qPrintable(notes));
+        QVERIFY2(notes.contains("sent no hello (the time limit was reached)"), qPrintable(notes));
         // The only place is free again for an honest client.
         QCOMPARE(runVesk({"mkdir", server.url("appA/after")}).code, 0);
         QCOMPARE(server.stop(), 0);

@@ -235,6 +235,24 @@ private slots:
         QVERIFY(QFile::exists(path));
     }
 
+    void aResumeWithOrWithoutVerificationIsTheSameSource() {
+        const QString plain = sourceIdentity(100, 5, "false", "");
+        const QString withXxh3 = sourceIdentity(100, 5, "xxh3", "ab");
+        QVERIFY(sameSource(plain, withXxh3));
+        QVERIFY(sameSource(withXxh3, plain));
+        QVERIFY(sameSource(withXxh3, sourceIdentity(100, 5, "md5", "cd")));
+        QVERIFY(!sameSource(withXxh3, sourceIdentity(100, 5, "xxh3", "ef")));
+        QVERIFY(!sameSource(plain, sourceIdentity(100, 6, "false", "")));
+        QVERIFY(!sameSource(plain, sourceIdentity(101, 5, "xxh3", "ab")));
+        // No record at all: nothing says the part is this source's.
+        QVERIFY(!sameSource(QString(), plain));
+        // What stays known after a verified resume of an unverified part, and the other way.
+        QCOMPARE(mergedSource(plain, withXxh3), withXxh3);
+        QCOMPARE(mergedSource(withXxh3, plain), withXxh3);
+        QCOMPARE(mergedSource(withXxh3, sourceIdentity(100, 5, "md5", "cd")),
+                 QString("size=100 mtime=5 md5=cd xxh3=ab"));
+    }
+
     void anInstalledFileKeepsNoSourceRecord() {
         QTemporaryDir dir;
         const QString path = dir.filePath(".f.bin.vesk-part");

@@ -4,6 +4,8 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
+#include <QStringList>
 
 #include <cerrno>
 #include <cstring>
@@ -42,6 +44,52 @@ QString sourceIdentity(qint64 fileSize, qint64 mtime, const QString& method,
     if (method != QLatin1String("false") && !method.isEmpty())
         identity += QString(" %1=%2").arg(method, verifyValue);
     return identity;
+}
+
+namespace {
+
+// "size=1 mtime=2 xxh3=ab" as its facts.
+QMap<QString, QString> sourceFacts(const QString& identity) {
+    QMap<QString, QString> facts;
+    for (const QString& fact : identity.split(' ', Qt::SkipEmptyParts)) {
+        const int equals = fact.indexOf('=');
+        if (equals > 0)
+            facts.insert(fact.left(equals), fact.mid(equals + 1));
+    }
+    return facts;
+}
+
+QString sourceText(const QMap<QString, QString>& facts) {
+    // Size and time first, as sourceIdentity writes them; then the verify values.
+    QStringList parts{"size=" + facts.value("size"), "mtime=" + facts.value("mtime")};
+    for (auto it = facts.constBegin(); it != facts.constEnd(); ++it) {
+        if (it.key() != QLatin1String("size") && it.key() != QLatin1String("mtime"))
+            parts << it.key() + '=' + it.value();
+    }
+    return parts.join(' ');
+}
+
+} // namespace
+
+bool sameSource(const QString& recorded, const QString& identity) {
+    const QMap<QString, QString> a = sourceFacts(recorded);
+    const QMap<QString, QString> b = sourceFacts(identity);
+    if (!a.contains("size") || a.value("size") != b.value("size") ||
+        a.value("mtime") != b.value("mtime"))
+        return false;
+    for (auto it = a.constBegin(); it != a.constEnd(); ++it) {
+        if (b.contains(it.key()) && b.value(it.key()) != it.value())
+            return false;
+    }
+    return true;
+}
+
+QString mergedSource(const QString& recorded, const QString& identity) {
+    QMap<QString, QString> facts = sourceFacts(recorded);
+    const QMap<QString, QString> newer = sourceFacts(identity);
+    for (auto it = newer.constBegin(); it != newer.constEnd(); ++it)
+        facts.insert(it.key(), it.value());
+    return sourceText(facts);
 }
 
 PartialFile::PartialFile(const QString& path, int fd, bool created)

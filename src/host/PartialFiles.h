@@ -16,6 +16,15 @@ namespace host {
 QString sourceIdentity(qint64 fileSize, qint64 mtime, const QString& method,
                        const QString& verifyValue);
 
+// Whether two identities describe one source: the same size and modification time, and the same
+// value for every verify method both name. A resume with verification of a part sent without it
+// (or with another method) is still the same source.
+bool sameSource(const QString& recorded, const QString& identity);
+
+// What to record after `identity` resumed `recorded`: every fact either of them knows, the newer
+// one's first.
+QString mergedSource(const QString& recorded, const QString& identity);
+
 // An exclusive lock on a partial file, held from before the handler runs until the task ends.
 // It is a lock of the open file description (flock), so it also holds between servers sharing
 // one file system that supports it, and it goes with its holder's process, however that ends.

@@ -171,7 +171,8 @@ QString claimPartialFile(Admission& admission, const AdmissionHooks& hooks) {
                                             method != "false" ? params.value("verifyValue") : "");
     const bool replace = params.value("bReplace") == QLatin1String("true");
     const qint64 held = partial.size();
-    const bool otherSource = partial.canRecordSource() && partial.recordedSource() != identity;
+    const QString recorded = partial.canRecordSource() ? partial.recordedSource() : QString();
+    const bool otherSource = partial.canRecordSource() && !sameSource(recorded, identity);
     if (held > 0 && (replace || otherSource || held > params.value("fileSize").toLongLong())) {
         // A replace writes from 0 too; anything else would be appended to bytes of another
         // source and installed as one file.
@@ -184,7 +185,9 @@ QString claimPartialFile(Admission& admission, const AdmissionHooks& hooks) {
             return kServerFileError;
         }
     }
-    partial.recordSource(identity);
+    // A part that stays is still the recorded source's: keep what was known of it.
+    partial.recordSource(held > 0 && !otherSource && !replace ? mergedSource(recorded, identity)
+                                                              : identity);
     return QString();
 }
 
