@@ -1561,6 +1561,48 @@ private slots:
         QCOMPARE(server.stop(), 0);
     }
 
+    void readOnlyUserMayDownloadAndListButNotWrite() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.mount() + "/apps/b/shared"));
+        QVERIFY(writePatternFile(s.mount() + "/apps/b/shared/r.bin", 4096, 41));
+        const QMap<QString, QString> environment = s.environment();
+        const QString local = s.local() + "/w.bin";
+        QVERIFY(writePatternFile(local, 4096, 42));
+
+        // alice is ro on appB: the task is refused before the handler runs, and nothing lands.
+        const Run upload = runVesk({"upload", "--secret-file", s.alice(), local,
+                                    userUrl("alice", server.port(), "appB/shared")},
+                                   60000, environment);
+        QCOMPARE(upload.code, 1);
+        QVERIFY2(upload.err.contains("read-only"), qPrintable(upload.err));
+        QVERIFY(!QFileInfo::exists(s.mount() + "/apps/b/shared/w.bin"));
+        QVERIFY(!QFileInfo::exists(s.mount() + "/apps/b/shared/.w.bin.vesk-part"));
+        const Run mkdir = runVesk(
+            {"mkdir", "--secret-file", s.alice(), userUrl("alice", server.port(), "appB/new")},
+            60000, environment);
+        QCOMPARE(mkdir.code, 1);
+        QVERIFY2(mkdir.err.contains("read-only"), qPrintable(mkdir.err));
+        QVERIFY(!QFileInfo::exists(s.mount() + "/apps/b/new"));
+
+        // Reading is allowed.
+        const Run download =
+            runVesk({"download", "--secret-file", s.alice(),
+                     userUrl("alice", server.port(), "appB/shared/r.bin"), s.local()},
+                    60000, environment);
+        QVERIFY2(download.code == 0, qPrintable(download.err));
+        QVERIFY(sameContents(s.mount() + "/apps/b/shared/r.bin", s.local() + "/r.bin"));
+        // And alice writes where she has rw.
+        const Run own = runVesk(
+            {"upload", "--secret-file", s.alice(), local, userUrl("alice", server.port(), "appA")},
+            60000, environment);
+        QVERIFY2(own.code == 0, qPrintable(own.err));
+        QVERIFY(sameContents(local, s.appA() + "/w.bin"));
+        QCOMPARE(server.stop(), 0);
+    }
+
     void applicationWithoutAnAccessLineIsOpenToNobody() {
         AuthScratch s;
         QVERIFY(s.write());
