@@ -1,6 +1,7 @@
 #include "ErrorText.h"
 
 #include "HostHello.h"
+#include "TaskVetting.h"
 
 #include <QFileInfo>
 #include <QRegularExpression>
@@ -122,6 +123,9 @@ QString refusalSentence(const QString& errorType, const VeskUrl& url, const QStr
     if (errorType == QLatin1String(kServerFileError))
         return QString("the server could not prepare %1 (see the server's log)")
             .arg(remoteName(url));
+    if (errorType == QLatin1String(kReadOnly))
+        return QString("server refused: application '%1' is read-only for this user")
+            .arg(url.appKey);
     if (errorType == QLatin1String(kUnknownOperator))
         return QString("server refused: it does not know the operation '%1'").arg(op);
     if (errorType == QLatin1String(kBadTaskParam))
