@@ -21,8 +21,9 @@ namespace host {
 namespace {
 
 // Settings a config file may hold besides its [apps] group; each is also a command-line option.
-const QStringList kSettings{"listen",  "mount",           "file-mode", "dir-mode",     "log",
-                            "plugins", "max-connections", "max-rate",  "stall-timeout"};
+const QStringList kSettings{"listen",        "mount",     "file-mode",       "dir-mode",
+                            "log",           "plugins",   "max-connections", "max-rate",
+                            "stall-timeout", "congestion"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins"};
 
@@ -146,6 +147,9 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!parseRate(raw.values.value("max-rate", "0"), &config.maxRate))
         return QString("--max-rate takes bytes per second, such as 500K or 20M");
 
+    if (!net::parseCongestion(raw.values.value("congestion", "vesk"), &config.congestion))
+        return QString(kCongestionUsage);
+
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
         config.logFile = QFileInfo(config.logFile).absoluteFilePath();
@@ -197,6 +201,7 @@ int runServe(const QStringList& args) {
          "Pause a task that moved no data and read or wrote no file for SECONDS; its partial "
          "file stays for a resume (default 120, 0: no limit).",
          "SECONDS"},
+        congestionOption(),
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group); the command line wins.",

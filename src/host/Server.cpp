@@ -134,6 +134,7 @@ Server::Server(const ServeConfig& config, const PluginLoader& loader)
 int Server::run() {
     QString error;
     quint16 bound = 0;
+    net::setCongestion(m_config.congestion);
     const int listener = net::listenOn(m_config.host, m_config.port, &bound, &error);
     if (listener < 0) {
         printErr("vesk: " + error);
@@ -152,6 +153,8 @@ int Server::run() {
     printErr(QString("vesk: serving %1-%2 from %3 (%4), at most %5 connections")
                  .arg(m_protocol, m_version, m_config.mount, apps.join(", "),
                       QString::number(m_config.maxConnections)));
+    if (const QString note = net::bufferNote(); !note.isEmpty())
+        printErr("vesk: " + note);
 
     std::thread watchdog([this] { watchForStalls(); });
     int status = kExitOk;

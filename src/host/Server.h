@@ -5,6 +5,7 @@
 
 #include "PluginLoader.h"
 #include "StallWatch.h"
+#include "base/Congestion.h"
 
 #include <QList>
 #include <QString>
@@ -36,6 +37,7 @@ struct ServeConfig {
     int maxConnections = 64;
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     qint64 maxRate = 0; // bytes per second each connection sends at most; 0: no cap
+    net::Congestion congestion = net::Congestion::Vesk;
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".
