@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <limits>
 #include <random>
 
@@ -88,7 +89,9 @@ void RateModel::onLoss(qint64, qint64 lostPackets) {
 }
 
 void RateModel::onTimeout(qint64 nowUs) {
-    if (m_bottleneckRate <= 0.0)
+    // One timeout is usually a lost resend (the peer reports a loss only once); only repeated
+    // ones without progress in between say the path carries less.
+    if (++m_timeoutsInARow < 2 || m_bottleneckRate <= 0.0)
         return;
     m_bottleneckRate /= 2;
     m_samples.assign(1, m_bottleneckRate);
@@ -99,6 +102,7 @@ void RateModel::onTimeout(qint64 nowUs) {
 
 void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs) {
     if (newlyAcked > 0) {
+        m_timeoutsInARow = 0;
         m_delivered += newlyAcked;
         m_sampleDelivered += newlyAcked;
     }
@@ -225,6 +229,16 @@ double RateModel::pacingGain() const {
                           : kCycleGains[m_cycleIndex];
 }
 
+qint64 RateModel::retransmitTimeoutUs(qint64 smoothedRttUs) const {
+    if (m_minRttUs <= 0 || smoothedRttUs <= 0)
+        return 0;
+    qint64 timeout = smoothedRttUs + smoothedRttUs / 2 + 2 * kAckPeriodUs;
+    timeout = std::max(timeout, kMinRetransmitTimeoutUs);
+    for (int i = 0; i < m_timeoutsInARow && timeout < kMaxRetransmitTimeoutUs; ++i)
+        timeout *= 2;
+    return std::min(timeout, kMaxRetransmitTimeoutUs);
+}
+
 double RateModel::sendPeriodUs() const {
     if (m_bottleneckRate <= 0.0)
         return kInitialPeriodUs;
@@ -237,7 +251,11 @@ double RateModel::windowPackets() const {
     if (m_bottleneckRate <= 0.0)
         return kMinWindowPackets;
     const double gain = m_phase == Phase::Cruise ? kCruiseWindowGain : kStartupGain;
-    return std::max(gain * bdpPackets(), double(kMinWindowPackets));
+    // UDT acknowledges cumulatively: what arrived after a lost packet counts as in flight until
+    // the resend arrives (a loss report, the resend and the next acknowledgement later).
+    const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
+    const double recovery = m_bottleneckRate * (1.5 * double(rtt) + 2.0 * kAckPeriodUs) / 1e6;
+    return std::max(gain * bdpPackets() + recovery, double(kMinWindowPackets));
 }
 
 // ---- UDT's side -------------------------------------------------------------------------------
@@ -326,6 +344,8 @@ private:
     void apply() {
         m_dPktSndPeriod = m_model.sendPeriodUs();
         m_dCWndSize = m_model.windowPackets();
+        if (const qint64 timeout = m_model.retransmitTimeoutUs(m_iRTT); timeout > 0)
+            setRTO(int(timeout));
     }
 
     RateModel m_model;

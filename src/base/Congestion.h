@@ -49,6 +49,8 @@ public:
     static constexpr int kRateWindowRounds = 10;
     // A round that loses more than this share of its packets is congestion, not noise.
     static constexpr double kCongestionLossShare = 0.2;
+    static constexpr qint64 kMinRetransmitTimeoutUs = 40'000;
+    static constexpr qint64 kMaxRetransmitTimeoutUs = 2'000'000;
 
     // `startUs` is the current time; `cruisePhase` picks where the probing cycle starts, so that
     // flows started together do not probe in step.
@@ -61,7 +63,9 @@ public:
     void onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs);
     // The peer reported `lostPackets` packets it has not seen.
     void onLoss(qint64 nowUs, qint64 lostPackets);
-    // Nothing was acknowledged for a long time: start over from half the rate.
+    // Nothing was acknowledged for a while. UDT's peer reports a lost packet once; when the
+    // resend is lost too, only this timeout recovers it, so a single one is no sign of
+    // congestion. A second one in a row halves the rate and starts over.
     void onTimeout(qint64 nowUs);
 
     Phase phase() const { return m_phase; }
@@ -74,6 +78,11 @@ public:
     double sendPeriodUs() const;
     // Packets that may be in flight.
     double windowPackets() const;
+    // How long UDT waits without an acknowledgement before it sends everything unacknowledged
+    // again, for the given smoothed round trip: UDT's own minimum is 300 ms, which on a short
+    // lossy link leaves a lost resend's hole open (and the window stuck) for many round trips.
+    // Doubles with each timeout in a row; 0 before the round trip is known (UDT's own then).
+    qint64 retransmitTimeoutUs(qint64 smoothedRttUs) const;
 
 private:
     void takeRateSample(qint64 nowUs);
@@ -88,6 +97,7 @@ private:
     int m_cycleIndex = 0;
     qint64 m_cycleStartUs = 0;
     bool m_queueGrowing = false; // the last round's trip was well above the minimum
+    int m_timeoutsInARow = 0;
 
     qint64 m_sent = 0;
     qint64 m_delivered = 0;
