@@ -228,11 +228,20 @@ double RateModel::pacingGain() const {
                           : kCycleGains[m_cycleIndex];
 }
 
+namespace {
+
+// A round trip and a half (the resend's trip and the acknowledgement's) and two acknowledgement
+// periods: first timeout for a round trip of `rttUs`.
+qint64 baseTimeoutUs(qint64 rttUs) {
+    return std::max(rttUs + rttUs / 2 + 2 * kAckPeriodUs, RateModel::kMinRetransmitTimeoutUs);
+}
+
+} // namespace
+
 qint64 RateModel::retransmitTimeoutUs(qint64 smoothedRttUs) const {
     if (m_minRttUs <= 0 || smoothedRttUs <= 0)
         return 0;
-    qint64 timeout = smoothedRttUs + smoothedRttUs / 2 + 2 * kAckPeriodUs;
-    timeout = std::max(timeout, kMinRetransmitTimeoutUs);
+    qint64 timeout = baseTimeoutUs(smoothedRttUs);
     for (int i = 0; i < m_timeoutsInARow && timeout < kMaxRetransmitTimeoutUs; ++i)
         timeout *= 2;
     return std::min(timeout, kMaxRetransmitTimeoutUs);
@@ -251,9 +260,9 @@ double RateModel::windowPackets() const {
         return kMinWindowPackets;
     const double gain = m_phase == Phase::Cruise ? kCruiseWindowGain : kStartupGain;
     // UDT acknowledges cumulatively: what arrived after a lost packet counts as in flight until
-    // the resend arrives (a loss report, the resend and the next acknowledgement later).
+    // the resend arrives, and when the resend is lost too, until the timeout sends it again.
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
-    const double recovery = m_bottleneckRate * (1.5 * double(rtt) + 2.0 * kAckPeriodUs) / 1e6;
+    const double recovery = m_bottleneckRate * double(rtt + baseTimeoutUs(rtt)) / 1e6;
     return std::max(gain * bdpPackets() + recovery, double(kMinWindowPackets));
 }
 

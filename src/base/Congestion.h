@@ -49,7 +49,7 @@ public:
     static constexpr int kRateWindowRounds = 10;
     // A round that loses more than this share of its packets is congestion, not noise.
     static constexpr double kCongestionLossShare = 0.2;
-    static constexpr qint64 kMinRetransmitTimeoutUs = 40'000;
+    static constexpr qint64 kMinRetransmitTimeoutUs = 60'000;
     static constexpr qint64 kMaxRetransmitTimeoutUs = 2'000'000;
 
     // `startUs` is the current time; `cruisePhase` picks where the probing cycle starts, so that
