@@ -141,21 +141,24 @@ private slots:
                  qPrintable(QString("%1 -> %2").arg(before).arg(link.model.bottleneckRate())));
     }
 
-    // A round trip well above the minimum means a queue builds: the model paces below the
-    // measured rate until it falls again.
+    // A round trip well above the minimum means a queue builds: the steady rounds pace below the
+    // measured rate until it falls again (the probe round stays).
     void growingRoundTripBacksOff() {
         Link link(2);
         link.run(100, 500, 20'000);
         QCOMPARE(link.model.phase(), Phase::Cruise);
+        bool drained = false;
         for (int i = 0; i < 10; ++i) {
             link.step(500, 60'000);
-            QVERIFY2(i == 0 || link.model.pacingGain() < 1.0,
+            QVERIFY2(link.model.pacingGain() != 1.0,
                      qPrintable(QString::number(link.model.pacingGain())));
+            drained = drained || link.model.pacingGain() < 1.0;
         }
+        QVERIFY(drained);
         bool fullPace = false;
         for (int i = 0; i < 20 && !fullPace; ++i) {
             link.step(500, 20'000);
-            fullPace = link.model.pacingGain() >= 1.0;
+            fullPace = link.model.pacingGain() == 1.0;
         }
         QVERIFY(fullPace);
     }
@@ -183,6 +186,7 @@ private slots:
         const double before = link.model.bottleneckRate();
         const qint64 timeout = link.model.retransmitTimeoutUs(20'000);
         QCOMPARE(timeout, qint64(60'000));
+        link.model.onSent(100); // unacknowledged from here on
         link.model.onTimeout(link.now);
         QCOMPARE(link.model.bottleneckRate(), before);
         QCOMPARE(link.model.retransmitTimeoutUs(20'000), 2 * timeout);
@@ -195,6 +199,49 @@ private slots:
         QCOMPARE(link.model.phase(), Phase::Startup);
         QCOMPARE(link.model.retransmitTimeoutUs(20'000), 4 * timeout);
         QCOMPARE(RateModel().retransmitTimeoutUs(20'000), qint64(0));
+    }
+
+    // UDT also reports a timeout when it heard nothing while data waits to be sent; with nothing
+    // in flight the rate stays. However many timeouts come, the pace keeps a minimal window per
+    // round trip, so it cannot fall below the timeout and draw ever more of them.
+    void timeoutsCannotStarveTheConnection() {
+        Link link;
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        for (int i = 0; i < 5; ++i)
+            link.model.onTimeout(link.now);
+        QCOMPARE(link.model.bottleneckRate(), before);
+
+        link.model.onSent(100);
+        for (int i = 0; i < 50; ++i)
+            link.model.onTimeout(link.now);
+        const double floor = RateModel::kMinWindowPackets * 1e6 / (20'000 + 10'000);
+        QCOMPARE(link.model.bottleneckRate(), floor);
+        QVERIFY(link.model.sendPeriodUs() <= 1e6 / (link.model.pacingGain() * floor) + 1e-9);
+    }
+
+    // A round trip that stays high (a busy receiver, another flow's queue) does not wear the
+    // estimate down: the probe rounds still run above it and refresh it.
+    void persistentlyHighRoundTripKeepsTheEstimate() {
+        Link link(1);
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        double probeGain = 0.0;
+        for (int i = 0; i < 300; ++i) {
+            // The link delivers what the model paces, at most 500 packets a step.
+            const qint64 paced = qint64(1e4 / link.model.sendPeriodUs());
+            link.step(std::min<qint64>(paced, 500), 60'000);
+            probeGain = std::max(probeGain, link.model.pacingGain());
+        }
+        QCOMPARE(probeGain, 1.25);
+        const double settled = link.model.bottleneckRate();
+        QVERIFY2(settled >= 0.8 * before, qPrintable(QString("%1 -> %2").arg(before).arg(settled)));
+        for (int i = 0; i < 300; ++i) {
+            const qint64 paced = qint64(1e4 / link.model.sendPeriodUs());
+            link.step(std::min<qint64>(paced, 500), 60'000);
+        }
+        QVERIFY2(link.model.bottleneckRate() >= 0.98 * settled,
+                 qPrintable(QString("%1 -> %2").arg(settled).arg(link.model.bottleneckRate())));
     }
 };
 

@@ -88,12 +88,16 @@ void RateModel::onLoss(qint64, qint64 lostPackets) {
 }
 
 void RateModel::onTimeout(qint64 nowUs) {
+    // UDT also calls this when it merely heard nothing for a while with data waiting to be
+    // sent; with nothing in flight that says nothing about the path.
+    if (m_sent <= m_delivered)
+        return;
     // One timeout is usually a lost resend (the peer reports a loss only once); only repeated
     // ones without progress in between say the path carries less.
     if (++m_timeoutsInARow < 2 || m_bottleneckRate <= 0.0)
         return;
-    m_bottleneckRate /= 2;
-    m_samples.assign(1, m_bottleneckRate);
+    m_bottleneckRate = std::max(m_bottleneckRate / 2, floorRate());
+    m_samples.assign(1, {nowUs, m_bottleneckRate});
     m_startupBestRate = m_bottleneckRate;
     m_startupFlatRounds = 0;
     enter(Phase::Startup, nowUs);
@@ -155,10 +159,16 @@ void RateModel::takeRateSample(qint64 nowUs) {
     const double rate = double(m_sampleDelivered) / seconds;
     m_sampleStartUs = nowUs;
     m_sampleDelivered = 0;
-    m_samples.push_back(rate);
-    while (int(m_samples.size()) > kRateWindowRounds)
+    m_samples.push_back({nowUs, rate});
+    // Three probing cycles: samples and cycle phases do not line up, and within three cycles
+    // one sample covers a probe whole.
+    const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
+    const qint64 window = kRateWindowCycles * kCycleLength * std::max(rtt, kAckPeriodUs);
+    while (m_samples.size() > 1 && nowUs - m_samples.front().first > window)
         m_samples.pop_front();
-    m_bottleneckRate = *std::max_element(m_samples.begin(), m_samples.end());
+    m_bottleneckRate = 0.0;
+    for (const auto& sample : m_samples)
+        m_bottleneckRate = std::max(m_bottleneckRate, sample.second);
 }
 
 void RateModel::endRound(qint64 nowUs, bool sampled) {
@@ -167,7 +177,7 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
         m_roundSent > 0 && m_roundLost > 1 && m_roundLost > kCongestionLossShare * m_roundSent;
     if (heavyLoss && m_bottleneckRate > 0.0) {
         m_bottleneckRate *= kHeavyLossBackoff;
-        m_samples.assign(1, m_bottleneckRate);
+        m_samples.assign(1, {nowUs, m_bottleneckRate});
         if (m_phase == Phase::Startup)
             enter(Phase::Drain, nowUs);
     }
@@ -224,8 +234,15 @@ double RateModel::pacingGain() const {
     case Phase::Cruise:
         break;
     }
-    return m_queueGrowing ? std::min(kQueueDrainGain, kCycleGains[m_cycleIndex])
-                          : kCycleGains[m_cycleIndex];
+    // A growing queue turns the steady rounds into draining ones; the probe stays, so that an
+    // estimate lowered by a queue that was not ours (or by a busy receiver) recovers.
+    const double gain = kCycleGains[m_cycleIndex];
+    return m_queueGrowing && gain <= 1.0 ? kQueueDrainGain : gain;
+}
+
+double RateModel::floorRate() const {
+    const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
+    return kMinWindowPackets * 1e6 / double(rtt + kAckPeriodUs);
 }
 
 namespace {
@@ -250,7 +267,7 @@ qint64 RateModel::retransmitTimeoutUs(qint64 smoothedRttUs) const {
 double RateModel::sendPeriodUs() const {
     if (m_bottleneckRate <= 0.0)
         return kInitialPeriodUs;
-    return 1e6 / (pacingGain() * m_bottleneckRate);
+    return 1e6 / (pacingGain() * std::max(m_bottleneckRate, floorRate()));
 }
 
 double RateModel::windowPackets() const {

@@ -15,6 +15,7 @@
 #include <QtGlobal>
 
 #include <deque>
+#include <utility>
 
 namespace VESK {
 namespace net {
@@ -45,8 +46,8 @@ public:
     // A rate sample spans at least this long: acknowledgements come about every 10 ms, and a
     // shorter span would mostly measure their jitter.
     static constexpr qint64 kMinSampleUs = 25'000;
-    // Rounds the bottleneck rate estimate remembers its largest sample for.
-    static constexpr int kRateWindowRounds = 10;
+    // Probing cycles the bottleneck rate estimate remembers its largest sample for.
+    static constexpr int kRateWindowCycles = 3;
     // A round that loses more than this share of its packets is congestion, not noise.
     static constexpr double kCongestionLossShare = 0.2;
     static constexpr qint64 kMinRetransmitTimeoutUs = 60'000;
@@ -91,6 +92,9 @@ private:
     void updateMinRtt(qint64 nowUs, qint64 rttUs);
     void enter(Phase phase, qint64 nowUs);
     double bdpPackets() const;
+    // The pace never falls below a minimal window per round trip: a pace slower than UDT's
+    // timeout would draw timeouts that lower it further.
+    double floorRate() const;
 
     Phase m_phase = Phase::Startup;
     qint64 m_phaseStartUs = 0;
@@ -110,7 +114,7 @@ private:
 
     qint64 m_sampleStartUs = 0;
     qint64 m_sampleDelivered = 0;
-    std::deque<double> m_samples; // one per round, most recent last
+    std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
     double m_bottleneckRate = 0.0;
 
     double m_startupBestRate = 0.0;
