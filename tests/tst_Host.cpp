@@ -537,6 +537,9 @@ private slots:
             << "--max-rate takes bytes per second";
         QTest::newRow("empty user")
             << QStringList{"ls", "vesk://@127.0.0.1:1/a"} << "names an empty user before '@'";
+        QTest::newRow("unknown congestion control")
+            << QStringList{"ls", "--congestion", "bbr", "vesk://127.0.0.1:1/a"}
+            << "--congestion takes vesk or udt";
     }
     void badUsageExitsWithStatusTwo() {
         QFETCH(QStringList, args);
@@ -573,6 +576,9 @@ private slots:
             << "--max-connections";
         QTest::newRow("rate") << QStringList{"--mount", ".", "--app", "a=x", "--max-rate", "fast"}
                               << "--max-rate takes bytes per second";
+        QTest::newRow("congestion")
+            << QStringList{"--mount", ".", "--app", "a=x", "--congestion", "cubic"}
+            << "--congestion takes vesk or udt";
         QTest::newRow("listen") << QStringList{"--mount", ".",        "--app",
                                                "a=x",     "--listen", "127.0.0.1:x"}
                                 << "not a valid port";
@@ -1360,12 +1366,12 @@ private slots:
         // The file's listen address is unusable; the command line's replaces it. The mount is
         // relative to the file's own directory.
         file.write("listen = 127.0.0.1:1\nmount = mount\ndir-mode = 700\nmax-rate = 1M\n"
-                   "[apps]\nfromFile = files\n");
+                   "congestion = udt\n[apps]\nfromFile = files\n");
         file.close();
         ServeProcess server(s.mount(), {"--config", config});
         QVERIFY(server.start());
         QVERIFY(server.port() != 1);
-        QCOMPARE(runVesk({"mkdir", server.url("fromFile/d")}).code, 0);
+        QCOMPARE(runVesk({"mkdir", "--congestion", "udt", server.url("fromFile/d")}).code, 0);
         QVERIFY(QFileInfo(s.mount() + "/files/d").isDir());
         QCOMPARE(modeOf(s.mount() + "/files/d"), 0700);
         QCOMPARE(server.stop(), 0);

@@ -5,6 +5,7 @@
 #include "base/Net.h"
 #include "base/Wire.h"
 
+#include <QFile>
 #include <QTest>
 
 #include <cerrno>
@@ -92,6 +93,82 @@ private slots:
         }
         const QString serverError = server.get();
         QVERIFY2(serverError.isEmpty(), qPrintable(serverError));
+    }
+
+    // UDT counts buffers and the flow window in packets: whatever the packet size, they hold
+    // the whole window and at most one packet more.
+    void windowSizingHoldsTheWholeWindow() {
+        for (const int mss : {576, 1280, 1500, 9000, 65000}) {
+            const VESK::net::WindowPlan plan = VESK::net::windowFor(mss);
+            const qint64 payload = mss - 28;
+            QCOMPARE(qint64(plan.bufferBytes), plan.packets * payload);
+            QVERIFY(plan.bufferBytes >= VESK::net::kWindowBytes);
+            QVERIFY(plan.bufferBytes < VESK::net::kWindowBytes + payload);
+        }
+        QCOMPARE(VESK::net::windowFor(1500).packets, 45591);
+    }
+
+    // A listener takes its packet size from the interface that holds its address, not from the
+    // loopback route to itself; an address no interface holds gets Ethernet's.
+    void listenerPacketSizeComesFromItsInterface() {
+        QFile sysfs("/sys/class/net/lo/mtu");
+        QVERIFY(sysfs.open(QIODevice::ReadOnly));
+        const int loopbackMtu = sysfs.readAll().trimmed().toInt();
+        QCOMPARE(VESK::net::listenerMss("127.0.0.1"), std::min(loopbackMtu, 65000));
+        QCOMPARE(VESK::net::listenerMss("192.0.2.1"), 1500);
+
+        quint16 port = 0;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port));
+        QVERIFY(listener.valid());
+        int mss = 0;
+        int len = sizeof mss;
+        QVERIFY(UDT::getsockopt(listener.get(), 0, UDT_MSS, &mss, &len) != UDT::ERROR);
+        QCOMPARE(mss, std::min(loopbackMtu, 65000));
+    }
+
+    // Both ends of a connection can hold the whole window: buffers and flow window alike.
+    void connectionsHoldTheWholeWindow() {
+        UdtPair pair = connectedPair();
+        QVERIFY(pair.client.valid() && pair.server.valid());
+        for (const int socket : {pair.client.get(), pair.server.get()}) {
+            int value = 0;
+            int len = sizeof value;
+            QVERIFY(UDT::getsockopt(socket, 0, UDT_RCVBUF, &value, &len) != UDT::ERROR);
+            QVERIFY2(value >= VESK::net::kWindowBytes, qPrintable(QString::number(value)));
+            QVERIFY(UDT::getsockopt(socket, 0, UDT_SNDBUF, &value, &len) != UDT::ERROR);
+            QVERIFY2(value >= VESK::net::kWindowBytes, qPrintable(QString::number(value)));
+            int mss = 0;
+            QVERIFY(UDT::getsockopt(socket, 0, UDT_MSS, &mss, &len) != UDT::ERROR);
+            QVERIFY(UDT::getsockopt(socket, 0, UDT_FC, &value, &len) != UDT::ERROR);
+            QVERIFY(qint64(value) * (mss - 28) >= VESK::net::kWindowBytes);
+        }
+    }
+
+    // Connections run vesk's congestion control unless the process chose UDT's.
+    void congestionControlIsApplied() {
+        using VESK::net::Congestion;
+        {
+            UdtPair pair = connectedPair();
+            QVERIFY(pair.client.valid() && pair.server.valid());
+            QCOMPARE(VESK::net::congestionOf(pair.client.get()), Congestion::Vesk);
+            QCOMPARE(VESK::net::congestionOf(pair.server.get()), Congestion::Vesk);
+        }
+        VESK::net::setCongestion(Congestion::Udt);
+        UdtPair pair = connectedPair();
+        VESK::net::setCongestion(Congestion::Vesk);
+        QVERIFY(pair.client.valid() && pair.server.valid());
+        QCOMPARE(VESK::net::congestionOf(pair.client.get()), Congestion::Udt);
+        QCOMPARE(VESK::net::congestionOf(pair.server.get()), Congestion::Udt);
+    }
+
+    // The note names the limit and the fix when the kernel kept the buffers small (it reports
+    // twice the usable size), and stays silent when they are large enough.
+    void bufferNoteOnlyWhenTheKernelLimits() {
+        const QString note = VESK::net::bufferNoteFor(8 << 20);
+        QVERIFY2(note.contains("4096 KiB") && note.contains("net.core.rmem_max=67108864"),
+                 qPrintable(note));
+        QVERIFY(VESK::net::bufferNoteFor(qint64(512) << 20).isEmpty());
+        QVERIFY(VESK::net::bufferNoteFor(-1).isEmpty());
     }
 
     void listeningOnATakenPortFailsWithTheCause() {

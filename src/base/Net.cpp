@@ -5,12 +5,16 @@
 #include <udt/udt.h>
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ifaddrs.h>
 #include <mutex>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,8 +25,8 @@ namespace {
 
 constexpr int kMaxMss = 65000;
 constexpr int kDefaultMss = 1500;
-// Large buffers keep a fast link busy; UDT clamps them to what the flow window allows.
-constexpr int kUdtBufferBytes = 64 * 1024 * 1024;
+// IP and UDP headers, which UDT's packet size includes.
+constexpr int kUdpIpHeaderBytes = 28;
 // The kernel caps what UDT asks for at net.core.rmem_max/wmem_max (often 4 MiB, about 64 full
 // packets): a burst then overflows the receiving socket and UDT's rate control backs off for the
 // rest of the transfer. A process that may (CAP_NET_ADMIN) raises it to this size. Smaller sizes
@@ -31,7 +35,15 @@ constexpr int kUdtBufferBytes = 64 * 1024 * 1024;
 // about 5 %; at 256 MiB none were lost. The memory is taken only while packets wait, and UDT's
 // flow window bounds how many can.
 constexpr int kUdpBufferBytes = 256 * 1024 * 1024;
+// Below this the note of bufferNote() is due: a receiving thread that waits its turn for 100 ms
+// on a 1 Gbit/s link has 12 MB queued, and several connections share the machine.
+constexpr qint64 kUdpBufferWantedBytes = 64 * 1024 * 1024;
 constexpr int kCloseGraceMs = 20;
+
+std::atomic<Congestion> g_congestion{Congestion::Vesk};
+// The smallest UDP buffer the kernel granted a socket of this process, as it reports it; -1
+// before the first.
+std::atomic<qint64> g_grantedUdpBuffer{-1};
 
 QString udtError() {
     return QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
@@ -80,6 +92,100 @@ void ensureStarted() {
     });
 }
 
+namespace {
+
+// MTU of the interface `name`, or 0.
+int interfaceMtu(const char* name) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0)
+        return 0;
+    ifreq request{};
+    std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    const int mtu = ::ioctl(fd, SIOCGIFMTU, &request) == 0 ? request.ifr_mtu : 0;
+    ::close(fd);
+    return mtu;
+}
+
+void noteGrantedBuffer(int udp) {
+    int rcv = 0, snd = 0;
+    socklen_t len = sizeof rcv;
+    if (::getsockopt(udp, SOL_SOCKET, SO_RCVBUF, &rcv, &len) != 0)
+        return;
+    len = sizeof snd;
+    if (::getsockopt(udp, SOL_SOCKET, SO_SNDBUF, &snd, &len) != 0)
+        return;
+    const qint64 granted = std::min(rcv, snd);
+    qint64 seen = g_grantedUdpBuffer.load();
+    while ((seen < 0 || granted < seen) &&
+           !g_grantedUdpBuffer.compare_exchange_weak(seen, granted)) {
+    }
+}
+
+} // namespace
+
+int listenerMss(const QString& host) {
+    sockaddr_in addr{};
+    if (!resolve(host, 0, addr, nullptr))
+        return kDefaultMss;
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0)
+        return kDefaultMss;
+    const bool wildcard = addr.sin_addr.s_addr == htonl(INADDR_ANY);
+    int mtu = 0;
+    int loopbackMtu = 0;
+    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET ||
+            !(entry->ifa_flags & IFF_UP))
+            continue;
+        const auto* own = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+        if (wildcard) {
+            const int m = interfaceMtu(entry->ifa_name);
+            if (entry->ifa_flags & IFF_LOOPBACK)
+                loopbackMtu = std::max(loopbackMtu, m);
+            else
+                mtu = std::max(mtu, m);
+        } else if (own->sin_addr.s_addr == addr.sin_addr.s_addr) {
+            mtu = interfaceMtu(entry->ifa_name);
+            break;
+        }
+    }
+    ::freeifaddrs(list);
+    if (mtu <= 0)
+        mtu = loopbackMtu > 0 ? loopbackMtu : kDefaultMss;
+    return std::min(mtu, kMaxMss);
+}
+
+WindowPlan windowFor(int mss) {
+    const int payload = std::max(mss - kUdpIpHeaderBytes, 1);
+    const int packets = (kWindowBytes + payload - 1) / payload;
+    return {packets, packets * payload};
+}
+
+void setCongestion(Congestion congestion) {
+    g_congestion = congestion;
+}
+
+Congestion congestion() {
+    return g_congestion;
+}
+
+QString bufferNoteFor(qint64 grantedBytes) {
+    // Linux reports twice the size asked for (its bookkeeping), which is what it grants.
+    if (grantedBytes < 0 || grantedBytes / 2 >= kUdpBufferWantedBytes)
+        return QString();
+    return QStringLiteral(
+               "note: the kernel limits UDP socket buffers to %1 KiB (net.core.rmem_max and "
+               "wmem_max; raising them past that needs CAP_NET_ADMIN). Long fast links need %2 "
+               "MiB: sysctl -w net.core.rmem_max=%3 net.core.wmem_max=%3")
+        .arg(grantedBytes / 2 / 1024)
+        .arg(kUdpBufferWantedBytes >> 20)
+        .arg(kUdpBufferWantedBytes);
+}
+
+QString bufferNote() {
+    return bufferNoteFor(g_grantedUdpBuffer.load());
+}
+
 int pathMss(const QString& host, quint16 port) {
     sockaddr_in addr{};
     if (!resolve(host, port == 0 ? 9 : port, addr, nullptr))
@@ -98,13 +204,18 @@ int pathMss(const QString& host, quint16 port) {
 
 bool applyOptions(int socket, int mss, QString* error) {
     const linger noLinger{0, 0};
+    // UDT turns buffer sizes into packets of the size set at that moment, and caps the receive
+    // buffer at the flow window: the order below matters.
+    const WindowPlan plan = windowFor(mss);
     const bool ok =
         UDT::setsockopt(socket, 0, UDT_LINGER, &noLinger, sizeof noLinger) != UDT::ERROR &&
-        UDT::setsockopt(socket, 0, UDT_MSS, &mss, sizeof mss) != UDT::ERROR &&
-        UDT::setsockopt(socket, 0, UDT_SNDBUF, &kUdtBufferBytes, sizeof(int)) != UDT::ERROR &&
-        UDT::setsockopt(socket, 0, UDT_RCVBUF, &kUdtBufferBytes, sizeof(int)) != UDT::ERROR &&
         UDT::setsockopt(socket, 0, UDP_SNDBUF, &kUdpBufferBytes, sizeof(int)) != UDT::ERROR &&
-        UDT::setsockopt(socket, 0, UDP_RCVBUF, &kUdpBufferBytes, sizeof(int)) != UDT::ERROR;
+        UDT::setsockopt(socket, 0, UDP_RCVBUF, &kUdpBufferBytes, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_MSS, &mss, sizeof mss) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_FC, &plan.packets, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_SNDBUF, &plan.bufferBytes, sizeof(int)) != UDT::ERROR &&
+        UDT::setsockopt(socket, 0, UDT_RCVBUF, &plan.bufferBytes, sizeof(int)) != UDT::ERROR &&
+        useCongestion(socket, congestion());
     if (!ok)
         setError(error, QStringLiteral("cannot set socket options: %1").arg(udtError()));
     return ok;
@@ -135,6 +246,7 @@ bool bindOwnUdpSocket(int socket, const sockaddr_in& local, QString& reason) {
     // fail and those sizes stay.
     ::setsockopt(udp, SOL_SOCKET, SO_RCVBUFFORCE, &kUdpBufferBytes, sizeof kUdpBufferBytes);
     ::setsockopt(udp, SOL_SOCKET, SO_SNDBUFFORCE, &kUdpBufferBytes, sizeof kUdpBufferBytes);
+    noteGrantedBuffer(udp);
     return true;
 }
 
@@ -156,7 +268,7 @@ void wakeReceiver(int socket) {
 }
 
 // A new stream socket with the transfer options for host:port, or -1 with `error` set.
-int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
+int newSocket(const QString& host, quint16 port, int mss, sockaddr_in& addr, QString* error) {
     ensureStarted();
     if (!resolve(host, port, addr, error))
         return -1;
@@ -166,7 +278,7 @@ int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* err
         setError(error, QStringLiteral("cannot create a socket: %1").arg(udtError()));
         return -1;
     }
-    if (!applyOptions(socket.get(), pathMss(host, port), error))
+    if (!applyOptions(socket.get(), mss, error))
         return -1;
     return socket.release();
 }
@@ -175,7 +287,7 @@ int newSocket(const QString& host, quint16 port, sockaddr_in& addr, QString* err
 
 int connectTo(const QString& host, quint16 port, QString* error) {
     sockaddr_in addr{};
-    Socket socket(newSocket(host, port, addr, error));
+    Socket socket(newSocket(host, port, pathMss(host, port), addr, error));
     if (!socket.valid())
         return -1;
     sockaddr_in any{};
@@ -194,7 +306,7 @@ int connectTo(const QString& host, quint16 port, QString* error) {
 
 int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error) {
     sockaddr_in addr{};
-    Socket socket(newSocket(host, port, addr, error));
+    Socket socket(newSocket(host, port, listenerMss(host), addr, error));
     if (!socket.valid())
         return -1;
     QString reason;

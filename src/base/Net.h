@@ -2,7 +2,10 @@
 
 // UDT socket set-up shared by the host and the tests, so that both run with the same options:
 // zero linger (a pause or cancel that closes the socket stops a transfer at once), the path MTU
-// as UDT's packet size, larger buffers, and a drain of unsent data before the close.
+// as UDT's packet size, buffers and flow window for a long fast link, the congestion control,
+// and a drain of unsent data before the close.
+
+#include "Congestion.h"
 
 #include <QString>
 
@@ -12,11 +15,38 @@ namespace net {
 // UDT::startup() once per process; safe to call from anywhere, any number of times.
 void ensureStarted();
 
+// Data a connection can have in flight, and so what its buffers and flow window hold: a
+// bandwidth-delay product of 1 Gbit/s over half a second.
+constexpr int kWindowBytes = 64 * 1024 * 1024;
+
 // The packet size for a peer: the path MTU read from a connected UDP socket, at most 65000.
 int pathMss(const QString& host, quint16 port);
 
+// The packet size for a listener on `host`: the MTU of the interface that holds the address;
+// for the wildcard address the largest MTU of the machine's other interfaces than loopback
+// (loopback's when it has none). A peer with smaller packets lowers it for its connection.
+int listenerMss(const QString& host);
+
+// UDT counts its buffers and flow window in packets of the size set when they are set.
+struct WindowPlan {
+    int packets;     // flow window and buffers, in packets
+    int bufferBytes; // what to give UDT_SNDBUF and UDT_RCVBUF for that many packets
+};
+WindowPlan windowFor(int mss);
+
+// The congestion control of the sockets this process opens from now on (default Vesk).
+void setCongestion(Congestion congestion);
+Congestion congestion();
+
 // Options set before bind/connect.
 bool applyOptions(int socket, int mss, QString* error = nullptr);
+
+// A sentence for the user when the kernel kept this process's UDP buffers below what a long
+// fast link needs (no CAP_NET_ADMIN and low net.core.rmem_max/wmem_max), else "". Meaningful
+// once a socket has been bound.
+QString bufferNote();
+// The same check for buffers of `grantedBytes` (what the kernel reports, twice the usable size).
+QString bufferNoteFor(qint64 grantedBytes);
 
 // A blocking stream socket connected to host:port, or -1 with `error` set.
 int connectTo(const QString& host, quint16 port, QString* error = nullptr);

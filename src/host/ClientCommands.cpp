@@ -133,6 +133,8 @@ int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task)
     task.stallTimeout = parser.value(kStallTimeout).toInt(&ok);
     if (!ok || task.stallTimeout < 0)
         return usageError(task.command, "--stall-timeout takes a number of seconds (0: no limit)");
+    if (!useCongestionOption(parser.value("congestion")))
+        return usageError(task.command, kCongestionUsage);
     return -1;
 }
 
@@ -493,7 +495,7 @@ const char* const kUrlForm = "vesk://[USER@]HOST:PORT/APPKEY/PATH";
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
     parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
-                       kMaxRate, kSecretFile, pluginsOption()});
+                       kMaxRate, kSecretFile, congestionOption(), pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
@@ -541,7 +543,7 @@ int runUpload(const QStringList& args) {
 int runDownload(const QStringList& args) {
     QCommandLineParser parser;
     parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
-                       kSecretFile, pluginsOption()});
+                       kSecretFile, congestionOption(), pluginsOption()});
     parser.addPositionalArgument("URL_OF_FILE",
                                  QString("The file on the server: %1.").arg(kUrlForm));
     parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
@@ -621,7 +623,8 @@ int runDownload(const QStringList& args) {
 
 int runList(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kJson, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
+    parser.addOptions(
+        {kRoot, kJson, kQuiet, kStallTimeout, kSecretFile, congestionOption(), pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to list: %1.").arg(kUrlForm));
     const CommandHelp help{
         args.value(0, "ls"), "URL",
@@ -644,7 +647,8 @@ int runList(const QStringList& args) {
 
 int runMkdir(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kQuiet, kStallTimeout, kSecretFile, pluginsOption()});
+    parser.addOptions(
+        {kRoot, kQuiet, kStallTimeout, kSecretFile, congestionOption(), pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to create: %1.").arg(kUrlForm));
     const CommandHelp help{"mkdir", "URL",
                            "Creates a directory (and its missing parents) in an application's "

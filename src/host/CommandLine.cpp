@@ -3,6 +3,7 @@
 #include <QMap>
 
 #include "Console.h"
+#include "base/Net.h"
 
 #include <QRegularExpression>
 
@@ -59,6 +60,23 @@ QCommandLineOption pluginsOption() {
             "Directory that holds the plug-in (default: $VESK_PLUGIN_PATH, then the "
             "directory installed beside vesk).",
             "DIR"};
+}
+
+QCommandLineOption congestionOption() {
+    return {"congestion",
+            "Congestion control: vesk (measures the path's rate and round trip, and does not "
+            "slow down for a random lost packet) or udt (UDT's own, which does). Default vesk.",
+            "NAME", "vesk"};
+}
+
+const char* const kCongestionUsage = "--congestion takes vesk or udt";
+
+bool useCongestionOption(const QString& text) {
+    net::Congestion congestion = net::Congestion::Vesk;
+    if (!net::parseCongestion(text, &congestion))
+        return false;
+    net::setCongestion(congestion);
+    return true;
 }
 
 int parseCommand(QCommandLineParser& parser, const QStringList& args, const CommandHelp& help,

@@ -34,5 +34,13 @@ bool parseDuration(const QString& text, qint64* seconds);
 // The option every command that loads the plug-in takes.
 QCommandLineOption pluginsOption();
 
+// --congestion, which every command that connects takes (default "vesk").
+QCommandLineOption congestionOption();
+// Makes the control named by `text` ("vesk" or "udt") that of this process's connections; false
+// for another name.
+bool useCongestionOption(const QString& text);
+// The usage error for a bad --congestion value.
+extern const char* const kCongestionUsage;
+
 } // namespace host
 } // namespace VESK

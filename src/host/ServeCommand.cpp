@@ -27,7 +27,7 @@ const QStringList kSettings{
     "listen",        "mount",           "file-mode",     "dir-mode",         "log",
     "plugins",       "max-connections", "max-rate",      "stall-timeout",    "secrets",
     "anonymous",     "max-per-address", "hello-timeout", "max-list-entries", "min-rate",
-    "max-file-size", "min-free",        "partial-ttl"};
+    "max-file-size", "min-free",        "partial-ttl",   "congestion"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins", "secrets"};
 
@@ -218,6 +218,8 @@ QString buildConfig(const RawOptions& raw, ServeConfig& config) {
     if (!parseDuration(raw.values.value("partial-ttl", "7d"), &config.partialTtl))
         return QString("--partial-ttl takes a duration such as 7d, 12h, 30m or 90 (seconds; 0: "
                        "never)");
+    if (!net::parseCongestion(raw.values.value("congestion", "vesk"), &config.congestion))
+        return QString(kCongestionUsage);
 
     config.logFile = raw.values.value("log");
     if (!config.logFile.isEmpty()) {
@@ -307,6 +309,7 @@ int runServe(const QStringList& args) {
          "Remove partial files of unfinished uploads untouched for DURATION: seconds, or with "
          "m, h or d (default 7d, 0: keep them).",
          "DURATION"},
+        congestionOption(),
         {"config",
          "Read options from an INI file (keys as the long options, applications in an [apps] "
          "group, access lines in an [access] group); the command line wins.",

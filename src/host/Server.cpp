@@ -150,6 +150,7 @@ Server::Server(const ServeConfig& config, const PluginLoader& loader)
 int Server::run() {
     QString error;
     quint16 bound = 0;
+    net::setCongestion(m_config.congestion);
     const int listener = net::listenOn(m_config.host, m_config.port, &bound, &error);
     if (listener < 0) {
         printErr("vesk: " + error);
@@ -172,6 +173,8 @@ int Server::run() {
                           ? QString("%1 user(s) authenticated").arg(m_config.secrets.size())
                           : QString("anonymous")));
     printErr(confinement::startupNotice());
+    if (const QString note = net::bufferNote(); !note.isEmpty())
+        printErr("vesk: " + note);
 
     std::thread watchdog([this] { watchForStalls(); });
     std::thread sweeper([this] { removeStalePartials(); });

@@ -9,6 +9,7 @@
 #include "StallWatch.h"
 #include "TaskPolicy.h"
 #include "TaskVetting.h"
+#include "base/Congestion.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -58,6 +59,7 @@ struct ServeConfig {
     TaskLimits limits;
     qint64 partialTtl = kDefaultPartialTtlSeconds;  // partial files older are removed; 0: never
     qint64 maxListEntries = kDefaultMaxListEntries; // a longer listing fails
+    net::Congestion congestion = net::Congestion::Vesk;
     QString plugins;
 
     // "KEY:DIR%KEY:DIR", the handler's "appPath".

@@ -1,0 +1,133 @@
+#pragma once
+
+// Congestion control for vesk's UDT connections. UDT's own control slows down by a ninth on
+// every loss event, so on a long link with a little random loss it crawls. vesk's control
+// instead measures the path: the rate at which the peer acknowledges data (its bottleneck rate)
+// and the shortest round trip seen. It paces packets at the measured rate, keeps about two
+// round trips' worth of data in flight, probes for more now and then, and backs off when the
+// round trip grows (a queue is building) or when a large share of a round is lost, but not for
+// an isolated lost packet.
+//
+// RateModel holds the decisions and is fed plain numbers (times, packet counts), so it can be
+// driven by tests; VeskCongestion connects it to UDT's callbacks.
+
+#include <QString>
+#include <QtGlobal>
+
+#include <deque>
+#include <utility>
+
+namespace VESK {
+namespace net {
+
+enum class Congestion {
+    Vesk, // RateModel below (the default)
+    Udt,  // UDT's built-in control
+};
+
+// "vesk" or "udt"; false for anything else.
+bool parseCongestion(const QString& text, Congestion* congestion);
+QString congestionName(Congestion congestion);
+
+class RateModel {
+public:
+    enum class Phase {
+        Startup,  // rate unknown: roughly triples each round until it stops growing
+        Drain,    // empties the queue startup built
+        Cruise,   // paces at the measured rate, with a probe upwards and a drain every cycle
+        ProbeRtt, // a short dip in flight size to measure the round trip without a queue
+    };
+
+    static constexpr double kStartupGain = 2.885; // 2/ln 2: doubles delivery each round
+    static constexpr int kMinWindowPackets = 32;
+    static constexpr int kProbeRttWindowPackets = 8;
+    static constexpr qint64 kMinRttLifetimeUs = 10'000'000;
+    static constexpr qint64 kProbeRttHoldUs = 200'000;
+    // A rate sample spans at least this long: acknowledgements come about every 10 ms, and a
+    // shorter span would mostly measure their jitter.
+    static constexpr qint64 kMinSampleUs = 25'000;
+    // Probing cycles the bottleneck rate estimate remembers its largest sample for.
+    static constexpr int kRateWindowCycles = 3;
+    // A round that loses more than this share of its packets is congestion, not noise.
+    static constexpr double kCongestionLossShare = 0.2;
+    static constexpr qint64 kMinRetransmitTimeoutUs = 60'000;
+    static constexpr qint64 kMaxRetransmitTimeoutUs = 2'000'000;
+
+    // `startUs` is the current time; `cruisePhase` picks where the probing cycle starts, so that
+    // flows started together do not probe in step.
+    explicit RateModel(qint64 startUs = 0, int cruisePhase = 0);
+
+    // `packets` more data packets left (first sends and resends alike).
+    void onSent(qint64 packets);
+    // An acknowledgement at `nowUs`: `newlyAcked` packets more are delivered, `rttUs` is the
+    // current round-trip estimate (0 when there is none yet).
+    void onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs);
+    // The peer reported `lostPackets` packets it has not seen.
+    void onLoss(qint64 nowUs, qint64 lostPackets);
+    // Nothing was acknowledged for a while. UDT's peer reports a lost packet once; when the
+    // resend is lost too, only this timeout recovers it, so a single one is no sign of
+    // congestion. A second one in a row halves the rate and starts over.
+    void onTimeout(qint64 nowUs);
+
+    Phase phase() const { return m_phase; }
+    // Estimated bottleneck rate in packets per second (0 before the first sample).
+    double bottleneckRate() const { return m_bottleneckRate; }
+    // Shortest round trip seen recently, microseconds (0 before the first).
+    qint64 minRtt() const { return m_minRttUs; }
+    double pacingGain() const;
+    // Microseconds between two packets.
+    double sendPeriodUs() const;
+    // Packets that may be in flight.
+    double windowPackets() const;
+    // How long UDT waits without an acknowledgement before it sends everything unacknowledged
+    // again, for the given smoothed round trip: UDT's own minimum is 300 ms, which on a short
+    // lossy link leaves a lost resend's hole open (and the window stuck) for many round trips.
+    // Doubles with each timeout in a row; 0 before the round trip is known (UDT's own then).
+    qint64 retransmitTimeoutUs(qint64 smoothedRttUs) const;
+
+private:
+    void takeRateSample(qint64 nowUs);
+    // `sampled`: the round also closed a rate sample.
+    void endRound(qint64 nowUs, bool sampled);
+    void updateMinRtt(qint64 nowUs, qint64 rttUs);
+    void enter(Phase phase, qint64 nowUs);
+    double bdpPackets() const;
+    // The pace never falls below a minimal window per round trip: a pace slower than UDT's
+    // timeout would draw timeouts that lower it further.
+    double floorRate() const;
+
+    Phase m_phase = Phase::Startup;
+    qint64 m_phaseStartUs = 0;
+    int m_cycleIndex = 0;
+    qint64 m_cycleStartUs = 0;
+    bool m_queueGrowing = false; // the last round's trip was well above the minimum
+    int m_timeoutsInARow = 0;
+
+    qint64 m_sent = 0;
+    qint64 m_delivered = 0;
+    qint64 m_roundEndsAt = 0; // the round ends once this many packets are delivered
+    qint64 m_roundStartUs = 0;
+    qint64 m_roundSent = 0;
+    qint64 m_roundLost = 0;
+    qint64 m_roundLowRttUs = 0; // shortest trip of the round
+    qint64 m_probeRttLowUs = 0; // shortest trip while in ProbeRtt
+
+    qint64 m_sampleStartUs = 0;
+    qint64 m_sampleDelivered = 0;
+    std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
+    double m_bottleneckRate = 0.0;
+
+    double m_startupBestRate = 0.0;
+    int m_startupFlatRounds = 0;
+
+    qint64 m_minRttUs = 0;
+    qint64 m_minRttStampUs = 0;
+};
+
+// Installs RateModel into a UDT socket (before connect or listen; accepted sockets inherit it).
+bool useCongestion(int socket, Congestion congestion);
+// The control a connected socket runs.
+Congestion congestionOf(int socket);
+
+} // namespace net
+} // namespace VESK

@@ -1,0 +1,249 @@
+// vesk's congestion control, fed synthetic acknowledgements, losses and round trips: what it
+// estimates, and how it reacts to an isolated loss, to heavy loss and to a growing round trip.
+
+#include "base/Congestion.h"
+
+#include <QTest>
+
+using VESK::net::RateModel;
+using Phase = RateModel::Phase;
+
+namespace {
+
+constexpr qint64 kStepUs = 10'000; // acknowledgements arrive every 10 ms
+
+// Drives a model as a link would: every step `perStep` packets leave and as many are
+// acknowledged, with the given round trip.
+struct Link {
+    RateModel model;
+    qint64 now = 0;
+
+    explicit Link(int cruisePhase = 0)
+        : model(0, cruisePhase) {}
+
+    void step(qint64 perStep, qint64 rttUs, qint64 lost = 0) {
+        now += kStepUs;
+        model.onSent(perStep);
+        if (lost > 0)
+            model.onLoss(now, lost);
+        model.onAck(now, perStep, rttUs);
+    }
+    void run(qint64 steps, qint64 perStep, qint64 rttUs) {
+        for (qint64 i = 0; i < steps; ++i)
+            step(perStep, rttUs);
+    }
+};
+
+} // namespace
+
+class tst_Congestion : public QObject {
+    Q_OBJECT
+
+private slots:
+    void namesParse() {
+        VESK::net::Congestion c = VESK::net::Congestion::Udt;
+        QVERIFY(VESK::net::parseCongestion("vesk", &c));
+        QCOMPARE(c, VESK::net::Congestion::Vesk);
+        QVERIFY(VESK::net::parseCongestion("udt", &c));
+        QCOMPARE(c, VESK::net::Congestion::Udt);
+        QVERIFY(!VESK::net::parseCongestion("bbr", &c));
+        QVERIFY(!VESK::net::parseCongestion("", &c));
+        QCOMPARE(VESK::net::congestionName(VESK::net::Congestion::Udt), QString("udt"));
+        QCOMPARE(VESK::net::congestionName(VESK::net::Congestion::Vesk), QString("vesk"));
+    }
+
+    // Before any measurement the window, not the pace, limits the first round.
+    void startsWithASmallWindow() {
+        RateModel model;
+        QCOMPARE(model.phase(), Phase::Startup);
+        QCOMPARE(model.bottleneckRate(), 0.0);
+        QCOMPARE(model.windowPackets(), double(RateModel::kMinWindowPackets));
+    }
+
+    // 500 packets every 10 ms is 50,000 packets a second.
+    void estimatesTheDeliveryRate() {
+        Link link;
+        link.run(100, 500, 20'000);
+        QVERIFY2(qAbs(link.model.bottleneckRate() - 50'000) < 2'500,
+                 qPrintable(QString::number(link.model.bottleneckRate())));
+        QCOMPARE(link.model.minRtt(), qint64(20'000));
+        // The pace follows the estimate, scaled by the phase's gain.
+        const double expectedPeriod = 1e6 / (link.model.pacingGain() * link.model.bottleneckRate());
+        QCOMPARE(link.model.sendPeriodUs(), expectedPeriod);
+        // About two round trips (plus the acknowledgement period) of data may be in flight, and
+        // what arrives while a lost resend waits for the timeout (60 ms here) and its trip.
+        const double rate = link.model.bottleneckRate();
+        const double expected =
+            (link.model.phase() == Phase::Cruise ? 2.0 : RateModel::kStartupGain) * rate * 0.030 +
+            rate * (0.020 + 0.060);
+        QVERIFY2(qAbs(link.model.windowPackets() - expected) < 1.0,
+                 qPrintable(QString("%1 vs %2").arg(link.model.windowPackets()).arg(expected)));
+    }
+
+    // Delivery that keeps growing keeps startup going; once it stops growing the model drains
+    // and then cruises at the measured rate.
+    void startupEndsWhenTheRateStopsGrowing() {
+        Link link;
+        qint64 perStep = 10;
+        for (int i = 0; i < 12; ++i) {
+            link.run(3, perStep, 50'000);
+            perStep *= 2;
+        }
+        QCOMPARE(link.model.phase(), Phase::Startup);
+        link.run(30, perStep, 50'000);
+        QVERIFY(link.model.phase() != Phase::Startup);
+        link.run(30, perStep, 50'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+    }
+
+    // The shortest round trip wins; an old minimum expires through a short probe with a small
+    // window, after which the current round trip counts.
+    void minimumRoundTripFilter() {
+        Link link;
+        link.run(20, 100, 30'000);
+        link.run(1, 100, 20'000);
+        link.run(20, 100, 40'000);
+        QCOMPARE(link.model.minRtt(), qint64(20'000));
+
+        bool probed = false;
+        for (int i = 0; i < 1200 && !probed; ++i) {
+            link.step(100, 40'000);
+            probed = link.model.phase() == Phase::ProbeRtt;
+        }
+        QVERIFY(probed);
+        QCOMPARE(link.model.windowPackets(), double(RateModel::kProbeRttWindowPackets));
+        link.run(30, 100, 40'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        QCOMPARE(link.model.minRtt(), qint64(40'000));
+    }
+
+    // One lost packet in a thousand changes nothing: the same link without losses gives the
+    // same pace and window at every step.
+    void isolatedLossIsNotCongestion() {
+        Link lossy(3), clean(3);
+        for (int i = 0; i < 400; ++i) {
+            const qint64 lost = i % 2 == 0 ? 1 : 0;
+            lossy.step(500, 100'000, lost);
+            clean.step(500, 100'000);
+            QCOMPARE(lossy.model.sendPeriodUs(), clean.model.sendPeriodUs());
+            QCOMPARE(lossy.model.windowPackets(), clean.model.windowPackets());
+        }
+        QCOMPARE(lossy.model.phase(), Phase::Cruise);
+    }
+
+    // A round that loses a third of its packets is congestion: the rate estimate drops.
+    void heavyLossBacksOff() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        link.step(500, 20'000, 170);
+        QVERIFY2(link.model.bottleneckRate() <= 0.71 * before,
+                 qPrintable(QString("%1 -> %2").arg(before).arg(link.model.bottleneckRate())));
+    }
+
+    // A round trip well above the minimum means a queue builds: the steady rounds pace below the
+    // measured rate until it falls again (the probe round stays).
+    void growingRoundTripBacksOff() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        bool drained = false;
+        for (int i = 0; i < 10; ++i) {
+            link.step(500, 60'000);
+            QVERIFY2(link.model.pacingGain() != 1.0,
+                     qPrintable(QString::number(link.model.pacingGain())));
+            drained = drained || link.model.pacingGain() < 1.0;
+        }
+        QVERIFY(drained);
+        bool fullPace = false;
+        for (int i = 0; i < 20 && !fullPace; ++i) {
+            link.step(500, 20'000);
+            fullPace = link.model.pacingGain() == 1.0;
+        }
+        QVERIFY(fullPace);
+    }
+
+    // Cruise probes above the estimate once per cycle and drains below it right after.
+    void cruiseProbesAndDrains() {
+        Link link(5);
+        link.run(100, 500, 20'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        double highest = 0.0, lowest = 10.0;
+        for (int i = 0; i < 40; ++i) {
+            link.step(500, 20'000);
+            highest = std::max(highest, link.model.pacingGain());
+            lowest = std::min(lowest, link.model.pacingGain());
+        }
+        QCOMPARE(highest, 1.25);
+        QCOMPARE(lowest, 0.75);
+    }
+
+    // A single timeout is a lost resend; a second one in a row halves the rate and starts over.
+    // The timeout itself follows the round trip and backs off while they repeat.
+    void repeatedTimeoutsHalveTheRate() {
+        Link link;
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        const qint64 timeout = link.model.retransmitTimeoutUs(20'000);
+        QCOMPARE(timeout, qint64(60'000));
+        link.model.onSent(100); // unacknowledged from here on
+        link.model.onTimeout(link.now);
+        QCOMPARE(link.model.bottleneckRate(), before);
+        QCOMPARE(link.model.retransmitTimeoutUs(20'000), 2 * timeout);
+        link.step(500, 20'000); // progress in between: the next one is a single one again
+        QCOMPARE(link.model.retransmitTimeoutUs(20'000), timeout);
+        link.model.onTimeout(link.now);
+        QCOMPARE(link.model.bottleneckRate(), before);
+        link.model.onTimeout(link.now);
+        QCOMPARE(link.model.bottleneckRate(), before / 2);
+        QCOMPARE(link.model.phase(), Phase::Startup);
+        QCOMPARE(link.model.retransmitTimeoutUs(20'000), 4 * timeout);
+        QCOMPARE(RateModel().retransmitTimeoutUs(20'000), qint64(0));
+    }
+
+    // UDT also reports a timeout when it heard nothing while data waits to be sent; with nothing
+    // in flight the rate stays. However many timeouts come, the pace keeps a minimal window per
+    // round trip, so it cannot fall below the timeout and draw ever more of them.
+    void timeoutsCannotStarveTheConnection() {
+        Link link;
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        for (int i = 0; i < 5; ++i)
+            link.model.onTimeout(link.now);
+        QCOMPARE(link.model.bottleneckRate(), before);
+
+        link.model.onSent(100);
+        for (int i = 0; i < 50; ++i)
+            link.model.onTimeout(link.now);
+        const double floor = RateModel::kMinWindowPackets * 1e6 / (20'000 + 10'000);
+        QCOMPARE(link.model.bottleneckRate(), floor);
+        QVERIFY(link.model.sendPeriodUs() <= 1e6 / (link.model.pacingGain() * floor) + 1e-9);
+    }
+
+    // A round trip that stays high (a busy receiver, another flow's queue) does not wear the
+    // estimate down: the probe rounds still run above it and refresh it.
+    void persistentlyHighRoundTripKeepsTheEstimate() {
+        Link link(1);
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        double probeGain = 0.0;
+        for (int i = 0; i < 300; ++i) {
+            // The link delivers what the model paces, at most 500 packets a step.
+            const qint64 paced = qint64(1e4 / link.model.sendPeriodUs());
+            link.step(std::min<qint64>(paced, 500), 60'000);
+            probeGain = std::max(probeGain, link.model.pacingGain());
+        }
+        QCOMPARE(probeGain, 1.25);
+        const double settled = link.model.bottleneckRate();
+        QVERIFY2(settled >= 0.8 * before, qPrintable(QString("%1 -> %2").arg(before).arg(settled)));
+        for (int i = 0; i < 300; ++i) {
+            const qint64 paced = qint64(1e4 / link.model.sendPeriodUs());
+            link.step(std::min<qint64>(paced, 500), 60'000);
+        }
+        QVERIFY2(link.model.bottleneckRate() >= 0.98 * settled,
+                 qPrintable(QString("%1 -> %2").arg(settled).arg(link.model.bottleneckRate())));
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_Congestion)
+#include "tst_Congestion.moc"
