@@ -108,7 +108,8 @@ bool isOctalMode(const QString& text) {
 }
 
 bool isLoopbackHost(const QString& host) {
-    return host.startsWith(QLatin1String("127.")) || host == QLatin1String("localhost");
+    return host.startsWith(QLatin1String("127.")) || host == QLatin1String("localhost") ||
+           host == QLatin1String("::1");
 }
 
 // Who may connect: the secrets file, the access lines, or an anonymous server, which only a

@@ -7,6 +7,7 @@
 #include "PartialFiles.h"
 #include "TaskLog.h"
 #include "Transfer.h"
+#include "Url.h"
 #include "base/Net.h"
 #include "base/Wire.h"
 
@@ -161,7 +162,7 @@ int Server::run() {
         if (m_stopping)
             UDT::close(listener);
     }
-    printOut(QString("vesk: listening on %1:%2").arg(m_config.host, QString::number(bound)));
+    printOut("vesk: listening on " + hostPortText(m_config.host, bound));
     QStringList apps;
     for (const AppEntry& app : m_config.apps)
         apps << QString("%1 -> %2").arg(app.key, m_config.appDirectory(app.key));
