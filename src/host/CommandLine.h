@@ -34,5 +34,12 @@ bool parseDuration(const QString& text, qint64* seconds);
 // The option every command that loads the plug-in takes.
 QCommandLineOption pluginsOption();
 
+// -q/--quiet, -v/--verbose and -n/--dry-run, the same for every client command that has them.
+QCommandLineOption quietOption();
+QCommandLineOption verboseOption();
+QCommandLineOption dryRunOption();
+// What -v turns on: the protocol log (information, warnings and errors) on stderr, with times.
+void showProtocolLog();
+
 } // namespace host
 } // namespace VESK

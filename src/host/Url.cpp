@@ -91,6 +91,7 @@ bool parseUrl(const QString& text, VeskUrl& url, QString* error) {
     }
     if (!parseHostPort(authority, url.host, url.port, false, error))
         return false;
+    url.portGiven = authority.endsWith(':' + QString::number(url.port));
 
     QStringList segments =
         rest.mid(slash < 0 ? rest.size() : slash + 1).split('/', Qt::SkipEmptyParts);

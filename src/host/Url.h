@@ -14,6 +14,7 @@ struct VeskUrl {
     QString user; // "" when the URL names none
     QString host;
     quint16 port = kDefaultPort;
+    bool portGiven = false; // the URL names the port (else kDefaultPort, or a server alias's)
     QString appKey;
     // "/dir/file.txt", or "" for the application's own directory.
     QString path;
