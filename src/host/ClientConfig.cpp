@@ -24,7 +24,10 @@ QString applyServerAlias(VeskUrl& url, QString* secretFile) {
         return QString();
     settings.beginGroup(url.host);
     const QString where = QString("[%1] in %2").arg(url.host, path);
-    const QString host = settings.value("host").toString();
+    QString host = settings.value("host").toString();
+    // An IPv6 address may be written as in URLs, in brackets.
+    if (host.startsWith('[') && host.endsWith(']'))
+        host = host.mid(1, host.size() - 2);
     if (host.isEmpty())
         return QString("%1 gives no host").arg(where);
     if (!url.portGiven && settings.contains("port")) {

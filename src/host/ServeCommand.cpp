@@ -250,8 +250,8 @@ int runServe(const QStringList& args) {
     QCommandLineParser parser;
     parser.addOptions({
         {"listen",
-         "Address and port to listen on; port 0 picks a free one (default "
-         "127.0.0.1:9000).",
+         "Address and port to listen on, an IPv6 address in brackets ([::1]:9000); port 0 "
+         "picks a free one (default 127.0.0.1:9000).",
          "HOST:PORT"},
         {"mount", "The directory every application's files live under.", "DIR"},
         {"app",
