@@ -72,6 +72,7 @@ bool parseHostPort(const QString& text, QString& host, quint16& port, bool allow
 }
 
 bool parseUrl(const QString& text, VeskUrl& url, QString* error) {
+    url = VeskUrl();
     if (!text.startsWith(kScheme)) {
         setError(error,
                  QString("'%1' is not a vesk URL (vesk://[USER@]HOST:PORT/APPKEY/PATH)").arg(text));
