@@ -31,7 +31,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <netinet/in.h>
 #include <pty.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -534,6 +536,13 @@ private slots:
             << "--max-rate takes bytes per second";
         QTest::newRow("negative rate")
             << QStringList{"upload", "--max-rate", "-1", "a.txt", "vesk://127.0.0.1:1/a"}
+            << "--max-rate takes bytes per second";
+        QTest::newRow("IPv6 address without brackets")
+            << QStringList{"ls", "vesk://::1:9000/a"} << "IPv6 address in brackets";
+        QTest::newRow("unclosed bracket")
+            << QStringList{"ls", "vesk://[::1:9000/a"} << "an IPv6 address goes in brackets";
+        QTest::newRow("download rate")
+            << QStringList{"download", "--max-rate", "fast", "vesk://127.0.0.1:1/a/f"}
             << "--max-rate takes bytes per second";
         QTest::newRow("empty user")
             << QStringList{"ls", "vesk://@127.0.0.1:1/a"} << "names an empty user before '@'";
@@ -1764,6 +1773,183 @@ private slots:
         const QByteArray text = readAll(log);
         QVERIFY2(text.contains(("mac: " + uuid).toLatin1()), text.constData());
         QVERIFY(!text.toLower().contains(QSysInfo::machineUniqueId().toLower()));
+    }
+
+    // ---- Habits: short options, dry runs, help, IPv6, server aliases ------------------------
+
+    void helpCommandIsTheCommandsOwnHelp_data() { everyCommandExplainsItselfWithAnExample_data(); }
+    void helpCommandIsTheCommandsOwnHelp() {
+        QFETCH(QString, command);
+        const Run help = runVesk({"help", command});
+        QCOMPARE(help.code, 0);
+        QCOMPARE(help.out, runVesk({command, "--help"}).out);
+        QVERIFY(help.out.startsWith("Usage: vesk " + command));
+    }
+
+    void shortOptionsAreTheLongOnes() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        Run run = runVesk({"mkdir", "-q", server.url("appA/quiet")});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.err, QString());
+        QVERIFY(QFileInfo(s.appA() + "/quiet").isDir());
+        // -v shows the protocol log, which a client keeps to itself otherwise.
+        const QString source = s.local() + "/told.bin";
+        QVERIFY(writePatternFile(source, 1000, 5));
+        QCOMPARE(runVesk({"upload", "-q", source, server.url("appA")}).code, 0);
+        const QMap<QString, QString> noRules{{"QT_LOGGING_RULES", ""}};
+        const QStringList download{"download", server.url("appA/told.bin"), s.local() + "/back"};
+        run = runVesk(download, 60000, noRules);
+        QCOMPARE(run.code, 0);
+        QVERIFY2(!run.err.contains("[info]"), qPrintable(run.err));
+        run = runVesk(QStringList{"download", "-v"} + download.mid(1), 60000, noRules);
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains(QRegularExpression("^\\S+ \\[info\\] downloadRequest: ",
+                                                     QRegularExpression::MultilineOption)),
+                 qPrintable(run.err));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void dryRunSaysWhatWouldHappenAndChangesNothing() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString source = s.local() + "/plan.bin";
+        QVERIFY(writePatternFile(source, 5000, 2));
+
+        Run run = runVesk({"upload", "-n", source, server.url("appA/docs")});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.out, QString("would upload %1 (4.9 KiB) to %2\n")
+                              .arg(source, server.url("appA/docs/plan.bin")));
+        QVERIFY2(run.err.contains("dry run: nothing was changed; the server was not contacted"),
+                 qPrintable(run.err));
+        run = runVesk({"mkdir", "--dry-run", server.url("appA/new")});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.out, "would create " + server.url("appA/new") + "\n");
+        run = runVesk({"download", "-n", "-q", server.url("appA/docs/plan.bin"), s.local()});
+        QCOMPARE(run.code, 0);
+        QCOMPARE(run.out,
+                 QString("would download %1 to %2 (it exists: it would be compared with the "
+                         "server's copy and replaced only if it differs)\n")
+                     .arg(server.url("appA/docs/plan.bin"), source));
+        QCOMPARE(run.err, QString());
+        // Nothing reached the server: no task, no file, no directory.
+        QVERIFY(!QFileInfo::exists(s.appA() + "/docs"));
+        QVERIFY(!QFileInfo::exists(s.appA() + "/new"));
+        QVERIFY(
+            server.waitForLine(QRegularExpression(" (upload|download|createDir) "), 500).isEmpty());
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // The client asks for a rate in its hello; the server sends at the lower of that and its own
+    // cap. A cap only slows a transfer down, so the lower bound on its time holds on a busy
+    // machine too.
+    void downloadRateAskedByTheClientNeverExceedsTheServersCap() {
+        Scratch s;
+        const QString source = s.appA() + "/paced.bin";
+        QVERIFY(QDir().mkpath(s.appA()));
+        QVERIFY(writePatternFile(source, 3 * 1024 * 1024, 9));
+        QVERIFY(QDir().mkpath(s.local() + "/asked"));
+        QVERIFY(QDir().mkpath(s.local() + "/capped"));
+        {
+            ServeProcess uncapped(s.mount());
+            QVERIFY(uncapped.start());
+            QElapsedTimer clock;
+            clock.start();
+            const Run down = runVesk({"download", "--max-rate", "1M",
+                                      uncapped.url("appA/paced.bin"), s.local() + "/asked"});
+            QCOMPARE(down.code, 0);
+            QVERIFY2(clock.elapsed() >= 2500, qPrintable(QString::number(clock.elapsed())));
+            QVERIFY(sameContents(source, s.local() + "/asked/paced.bin"));
+            QCOMPARE(uncapped.stop(), 0);
+        }
+        ServeProcess capped(s.mount(), {"--max-rate", "1M"});
+        QVERIFY(capped.start());
+        QElapsedTimer clock;
+        clock.start();
+        const Run down = runVesk(
+            {"download", "--max-rate", "1G", capped.url("appA/paced.bin"), s.local() + "/capped"});
+        QCOMPARE(down.code, 0);
+        QVERIFY2(clock.elapsed() >= 2500, qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(sameContents(source, s.local() + "/capped/paced.bin"));
+        QCOMPARE(capped.stop(), 0);
+    }
+
+    void ipv6RoundTripOnTheLoopback() {
+        {
+            const int probe = ::socket(AF_INET6, SOCK_DGRAM, 0);
+            sockaddr_in6 loopback{};
+            loopback.sin6_family = AF_INET6;
+            loopback.sin6_addr = in6addr_loopback;
+            const bool usable = probe >= 0 && ::bind(probe, reinterpret_cast<sockaddr*>(&loopback),
+                                                     sizeof loopback) == 0;
+            if (probe >= 0)
+                ::close(probe);
+            if (!usable)
+                QSKIP("this machine has no IPv6 loopback");
+        }
+        Scratch s;
+        QProcess server;
+        startVesk(server,
+                  {"serve", "--listen", "[::1]:0", "--mount", s.mount(), "--app", "appA=apps/a"});
+        QVERIFY(server.waitForReadyRead(10000));
+        const QString first = QString::fromUtf8(server.readLine()).trimmed();
+        const QRegularExpressionMatch m =
+            QRegularExpression("^vesk: listening on \\[::1\\]:(\\d+)$").match(first);
+        QVERIFY2(m.hasMatch(), qPrintable(first));
+        const QString url = QString("vesk://[::1]:%1/appA").arg(m.captured(1));
+        const QString source = s.local() + "/six.bin";
+        QVERIFY(writePatternFile(source, 200000, 6));
+        Run run = runVesk({"upload", source, url + "/v6"});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("to " + url + "/v6/six.bin"), qPrintable(run.err));
+        QVERIFY(sameContents(source, s.appA() + "/v6/six.bin"));
+        QVERIFY(QDir().mkpath(s.local() + "/back"));
+        run = runVesk({"download", "-q", url + "/v6/six.bin", s.local() + "/back"});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(source, s.local() + "/back/six.bin"));
+        signalProcess(server, SIGTERM);
+        QVERIFY(server.waitForFinished(20000));
+        QCOMPARE(server.exitCode(), 0);
+        QVERIFY2(QString::fromUtf8(server.readAllStandardOutput())
+                     .contains(QRegularExpression("^\\[::1\\]:\\d+ upload .*/six.bin 200000 bytes",
+                                                  QRegularExpression::MultilineOption)),
+                 "the server names its IPv6 peer");
+    }
+
+    void serverAliasFromTheClientConfiguration() {
+        AuthScratch s;
+        QVERIFY(s.write());
+        ServeProcess server(s.mount(), s.serveArgs());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.emptyConfig() + "/vesk"));
+        QVERIFY(
+            writeFileWithMode(s.emptyConfig() + "/vesk/config",
+                              QString("[box]\nhost = 127.0.0.1\nport = %1\nuser = alice\n"
+                                      "secret-file = ../../alice.secret\n\n[nohost]\nport = 1\n")
+                                  .arg(server.port())
+                                  .toUtf8(),
+                              kOwnerOnly));
+        const QString local = s.local() + "/alias.bin";
+        QVERIFY(writePatternFile(local, 1000, 3));
+        // Host, port, user and secret all come from the alias.
+        Run run = runVesk({"upload", local, "vesk://box/appA/in"}, 60000, s.environment());
+        QVERIFY2(run.code == 0, qPrintable(run.err));
+        QVERIFY2(run.err.contains(
+                     QString("to vesk://alice@127.0.0.1:%1/appA/in/alias.bin").arg(server.port())),
+                 qPrintable(run.err));
+        QVERIFY(sameContents(local, s.appA() + "/in/alias.bin"));
+        // --secret-file wins over the alias's.
+        run =
+            runVesk({"ls", "--secret-file", s.wrong(), "vesk://box/appA"}, 60000, s.environment());
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("authentication failed"), qPrintable(run.err));
+        run = runVesk({"ls", "vesk://nohost/appA"}, 60000, s.environment());
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("[nohost] in ") && run.err.contains("gives no host"),
+                 qPrintable(run.err));
+        QCOMPARE(server.stop(), 0);
     }
 };
 

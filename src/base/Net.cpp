@@ -1,5 +1,6 @@
 #include "Net.h"
 
+#include <QByteArray>
 #include <QThread>
 
 #include <udt/udt.h>
@@ -54,9 +55,30 @@ void setError(QString* error, const QString& text) {
         *error = text;
 }
 
-bool resolve(const QString& host, quint16 port, sockaddr_in& addr, QString* error) {
+// An IPv4 or IPv6 address (or a name, its first address) and a port.
+struct Address {
+    sockaddr_storage storage{};
+    socklen_t length = 0;
+
+    int family() const { return storage.ss_family; }
+    sockaddr* get() { return reinterpret_cast<sockaddr*>(&storage); }
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+    void setPort(quint16 port) {
+        if (family() == AF_INET6)
+            reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port = htons(port);
+        else
+            reinterpret_cast<sockaddr_in*>(&storage)->sin_port = htons(port);
+    }
+    quint16 port() const {
+        return ntohs(family() == AF_INET6
+                         ? reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port
+                         : reinterpret_cast<const sockaddr_in*>(&storage)->sin_port);
+    }
+};
+
+bool resolve(const QString& host, quint16 port, Address& addr, QString* error) {
     addrinfo hints{};
-    hints.ai_family = AF_INET;
+    hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* result = nullptr;
     const int rc = ::getaddrinfo(host.toUtf8().constData(), nullptr, &hints, &result);
@@ -64,8 +86,9 @@ bool resolve(const QString& host, quint16 port, sockaddr_in& addr, QString* erro
         setError(error, QStringLiteral("cannot resolve %1: %2").arg(host, gai_strerror(rc)));
         return false;
     }
-    std::memcpy(&addr, result->ai_addr, sizeof addr);
-    addr.sin_port = htons(port);
+    std::memcpy(&addr.storage, result->ai_addr, result->ai_addrlen);
+    addr.length = result->ai_addrlen;
+    addr.setPort(port);
     ::freeaddrinfo(result);
     return true;
 }
@@ -74,10 +97,17 @@ QString systemError() {
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
-QString describe(const sockaddr_in& addr) {
-    char text[INET_ADDRSTRLEN] = {};
-    ::inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
-    return QStringLiteral("%1:%2").arg(QString::fromLatin1(text)).arg(ntohs(addr.sin_port));
+// "1.2.3.4:PORT" or "[::1]:PORT".
+QString describe(const Address& addr) {
+    char text[INET6_ADDRSTRLEN] = {};
+    if (addr.family() == AF_INET6) {
+        ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(&addr.storage)->sin6_addr,
+                    text, sizeof text);
+        return QStringLiteral("[%1]:%2").arg(QString::fromLatin1(text)).arg(addr.port());
+    }
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(&addr.storage)->sin_addr, text,
+                sizeof text);
+    return QStringLiteral("%1:%2").arg(QString::fromLatin1(text)).arg(addr.port());
 }
 
 } // namespace
@@ -123,28 +153,43 @@ void noteGrantedBuffer(int udp) {
 
 } // namespace
 
+namespace {
+
+// The address bytes of an IPv4 or IPv6 socket address, to compare two of one family.
+QByteArray addressBytes(const sockaddr* address) {
+    if (address->sa_family == AF_INET6) {
+        const auto* in6 = reinterpret_cast<const sockaddr_in6*>(address);
+        return QByteArray(reinterpret_cast<const char*>(&in6->sin6_addr), sizeof in6->sin6_addr);
+    }
+    const auto* in = reinterpret_cast<const sockaddr_in*>(address);
+    return QByteArray(reinterpret_cast<const char*>(&in->sin_addr), sizeof in->sin_addr);
+}
+
+} // namespace
+
 int listenerMss(const QString& host) {
-    sockaddr_in addr{};
+    Address addr;
     if (!resolve(host, 0, addr, nullptr))
         return kDefaultMss;
     ifaddrs* list = nullptr;
     if (::getifaddrs(&list) != 0)
         return kDefaultMss;
-    const bool wildcard = addr.sin_addr.s_addr == htonl(INADDR_ANY);
+    const QByteArray own = addressBytes(addr.get());
+    // 0.0.0.0 and :: are all zeros.
+    const bool wildcard = own.count('\0') == own.size();
     int mtu = 0;
     int loopbackMtu = 0;
     for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
-        if (!entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET ||
+        if (!entry->ifa_addr || entry->ifa_addr->sa_family != addr.family() ||
             !(entry->ifa_flags & IFF_UP))
             continue;
-        const auto* own = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
         if (wildcard) {
             const int m = interfaceMtu(entry->ifa_name);
             if (entry->ifa_flags & IFF_LOOPBACK)
                 loopbackMtu = std::max(loopbackMtu, m);
             else
                 mtu = std::max(mtu, m);
-        } else if (own->sin_addr.s_addr == addr.sin_addr.s_addr) {
+        } else if (addressBytes(entry->ifa_addr) == own) {
             mtu = interfaceMtu(entry->ifa_name);
             break;
         }
@@ -187,16 +232,17 @@ QString bufferNote() {
 }
 
 int pathMss(const QString& host, quint16 port) {
-    sockaddr_in addr{};
+    Address addr;
     if (!resolve(host, port == 0 ? 9 : port, addr, nullptr))
         return kDefaultMss;
-    const int fd = ::socket(AF_INET, SOCK_DGRAM, 0);
+    const int fd = ::socket(addr.family(), SOCK_DGRAM, 0);
     if (fd < 0)
         return kDefaultMss;
     int mtu = kDefaultMss;
     socklen_t len = sizeof mtu;
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::getsockopt(fd, IPPROTO_IP, IP_MTU, &mtu, &len) != 0)
+    const bool v6 = addr.family() == AF_INET6;
+    if (::connect(fd, addr.get(), addr.length) != 0 ||
+        ::getsockopt(fd, v6 ? IPPROTO_IPV6 : IPPROTO_IP, v6 ? IPV6_MTU : IP_MTU, &mtu, &len) != 0)
         mtu = kDefaultMss;
     ::close(fd);
     return std::min(mtu, kMaxMss);
@@ -226,13 +272,13 @@ namespace {
 // Binds the UDT socket to a UDP socket of our own at `local`, so that its buffers can be raised
 // past the kernel's limits where the process is allowed to; UDT owns (and closes) it afterwards.
 // On failure `reason` says why.
-bool bindOwnUdpSocket(int socket, const sockaddr_in& local, QString& reason) {
-    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+bool bindOwnUdpSocket(int socket, const Address& local, QString& reason) {
+    const int udp = ::socket(local.family(), SOCK_DGRAM, 0);
     if (udp < 0) {
         reason = systemError();
         return false;
     }
-    if (::bind(udp, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+    if (::bind(udp, local.get(), local.length) != 0) {
         reason = systemError();
         ::close(udp);
         return false;
@@ -255,24 +301,28 @@ bool bindOwnUdpSocket(int socket, const sockaddr_in& local, QString& reason) {
 // after a timeout leaves UDT's rate control crawling (a few packets a second) for seconds. An
 // empty datagram to our own port brings that thread round now, ahead of any reply.
 void wakeReceiver(int socket) {
-    sockaddr_in self{};
-    int len = sizeof self;
-    if (UDT::getsockname(socket, reinterpret_cast<sockaddr*>(&self), &len) == UDT::ERROR)
+    Address self;
+    int len = sizeof self.storage;
+    if (UDT::getsockname(socket, self.get(), &len) == UDT::ERROR)
         return;
-    self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    self.length = socklen_t(len);
+    if (self.family() == AF_INET6)
+        reinterpret_cast<sockaddr_in6*>(&self.storage)->sin6_addr = in6addr_loopback;
+    else
+        reinterpret_cast<sockaddr_in*>(&self.storage)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int udp = ::socket(self.family(), SOCK_DGRAM, 0);
     if (udp < 0)
         return;
-    ::sendto(udp, "", 0, 0, reinterpret_cast<const sockaddr*>(&self), sizeof self);
+    ::sendto(udp, "", 0, 0, self.get(), self.length);
     ::close(udp);
 }
 
 // A new stream socket with the transfer options for host:port, or -1 with `error` set.
-int newSocket(const QString& host, quint16 port, int mss, sockaddr_in& addr, QString* error) {
+int newSocket(const QString& host, quint16 port, int mss, Address& addr, QString* error) {
     ensureStarted();
     if (!resolve(host, port, addr, error))
         return -1;
-    Socket socket(UDT::socket(AF_INET, SOCK_STREAM, 0));
+    Socket socket(UDT::socket(addr.family(), SOCK_STREAM, 0));
     if (socket.get() == UDT::INVALID_SOCK) {
         socket.release();
         setError(error, QStringLiteral("cannot create a socket: %1").arg(udtError()));
@@ -286,15 +336,17 @@ int newSocket(const QString& host, quint16 port, int mss, sockaddr_in& addr, QSt
 } // namespace
 
 int connectTo(const QString& host, quint16 port, QString* error) {
-    sockaddr_in addr{};
+    Address addr;
     Socket socket(newSocket(host, port, pathMss(host, port), addr, error));
     if (!socket.valid())
         return -1;
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
+    // The wildcard address of the peer's family, any port.
+    Address any;
+    any.storage.ss_family = addr.family();
+    any.length = addr.length;
     QString reason;
     if (!bindOwnUdpSocket(socket.get(), any, reason) ||
-        UDT::connect(socket.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR) {
+        UDT::connect(socket.get(), addr.get(), addr.length) == UDT::ERROR) {
         if (reason.isEmpty())
             reason = udtError();
         setError(error, QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(reason));
@@ -305,7 +357,7 @@ int connectTo(const QString& host, quint16 port, QString* error) {
 }
 
 int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error) {
-    sockaddr_in addr{};
+    Address addr;
     Socket socket(newSocket(host, port, listenerMss(host), addr, error));
     if (!socket.valid())
         return -1;
@@ -319,18 +371,18 @@ int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* err
         return -1;
     }
     if (boundPort) {
-        sockaddr_in bound{};
-        int len = sizeof bound;
-        UDT::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&bound), &len);
-        *boundPort = ntohs(bound.sin_port);
+        Address bound;
+        int len = sizeof bound.storage;
+        UDT::getsockname(socket.get(), bound.get(), &len);
+        *boundPort = bound.port();
     }
     return socket.release();
 }
 
 int acceptOn(int listener, QString* peer, QString* error) {
-    sockaddr_in addr{};
-    int len = sizeof addr;
-    const int s = UDT::accept(listener, reinterpret_cast<sockaddr*>(&addr), &len);
+    Address addr;
+    int len = sizeof addr.storage;
+    const int s = UDT::accept(listener, addr.get(), &len);
     if (s == UDT::INVALID_SOCK) {
         setError(error, QStringLiteral("accept failed: %1").arg(udtError()));
         return -1;

@@ -1,5 +1,6 @@
 #include "ClientCommands.h"
 
+#include "ClientConfig.h"
 #include "ClientCredentials.h"
 #include "CommandLine.h"
 #include "Console.h"
@@ -60,7 +61,9 @@ const QCommandLineOption kIgnoreExisting(
 const QCommandLineOption kReplace("replace",
                                   "Start over from the beginning instead of resuming a partial "
                                   "transfer.");
-const QCommandLineOption kQuiet("quiet", "No progress line and no message on success.");
+const QCommandLineOption kQuiet = quietOption();
+const QCommandLineOption kVerbose = verboseOption();
+const QCommandLineOption kDryRun = dryRunOption();
 const QCommandLineOption kStallTimeout(
     "stall-timeout",
     "Stop when the server sent and received nothing (and no local file was read or written) "
@@ -70,6 +73,12 @@ const QCommandLineOption kMaxRate("max-rate",
                                   "Send at most RATE bytes per second, with K, M or G for "
                                   "powers of 1024 (such as 20M; default 0: as fast as the link "
                                   "allows).",
+                                  "RATE", "0");
+const QCommandLineOption kAskRate("max-rate",
+                                  "Ask the server to send at most RATE bytes per second, with K, "
+                                  "M or G for powers of 1024 (such as 20M); a server with a lower "
+                                  "cap of its own keeps it (default 0: as fast as the server "
+                                  "sends).",
                                   "RATE", "0");
 const QCommandLineOption kSecretFile("secret-file",
                                      "Authenticate with the secret on the first line of FILE "
@@ -94,6 +103,7 @@ struct ClientTask {
     bool quiet = false;
     int stallTimeout = kDefaultStallTimeoutSeconds;
     qint64 maxRate = 0;    // bytes per second this side sends at most; 0: no cap
+    qint64 askedRate = 0;  // bytes per second the server is asked to send at most; 0: no cap
     bool counters = false; // upload and download report progress through the two counters
     bool json = false;
     bool ignoreExisting = false;
@@ -121,7 +131,14 @@ int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task)
     QString error;
     if (!parseUrl(parser.positionalArguments().at(urlIndex), task.url, &error))
         return usageError(task.command, error);
-    error = findCredentials(task.url, parser.value(kSecretFile), &task.credentials);
+    QString aliasSecret;
+    error = applyServerAlias(task.url, &aliasSecret);
+    if (!error.isEmpty()) {
+        printErr("vesk: " + error);
+        return kExitFailed;
+    }
+    const QString secretFile = parser.isSet(kSecretFile) ? parser.value(kSecretFile) : aliasSecret;
+    error = findCredentials(task.url, secretFile, &task.credentials);
     if (!error.isEmpty()) {
         printErr("vesk: " + error);
         return kExitFailed;
@@ -129,6 +146,8 @@ int readCommon(const QCommandLineParser& parser, int urlIndex, ClientTask& task)
     task.params.insert("rootPath", parser.value(kRoot));
     task.plugins = parser.value("plugins");
     task.quiet = parser.isSet(kQuiet);
+    if (parser.isSet(kVerbose))
+        showProtocolLog();
     bool ok = false;
     task.stallTimeout = parser.value(kStallTimeout).toInt(&ok);
     if (!ok || task.stallTimeout < 0)
@@ -210,7 +229,8 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
     }
     QString protocol, version, errorType;
     splitProtocolKey(handler->getKey(), &protocol, &version);
-    switch (clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error)) {
+    switch (clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error,
+                        task.askedRate)) {
     case HelloResult::Accepted:
         return socket;
     case HelloResult::SecretNeeded:
@@ -218,16 +238,15 @@ net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
         break;
     case HelloResult::ServerUnproven:
         printErr(
-            QString("vesk: %1:%2 is not the server that shares %3's secret: %4; nothing "
-                    "was sent")
-                .arg(task.url.host, QString::number(task.url.port), task.credentials.user, error));
+            QString("vesk: %1 is not the server that shares %2's secret: %3; nothing was sent")
+                .arg(hostPortText(task.url.host, task.url.port), task.credentials.user, error));
         break;
     case HelloResult::Refused:
         printErr("vesk: " + refusalSentence(errorType, task.url, task.op));
         break;
     case HelloResult::Failed:
-        printErr(QString("vesk: %1:%2 did not answer as a vesk server (%3)")
-                     .arg(task.url.host, QString::number(task.url.port), error));
+        printErr(QString("vesk: %1 did not answer as a vesk server (%2)")
+                     .arg(hostPortText(task.url.host, task.url.port), error));
         break;
     }
     return net::Socket();
@@ -378,9 +397,8 @@ QString interruptedText(const ClientTask& task, const QString& stop) {
 
 QString stalledText(const ClientTask& task) {
     const QString what =
-        QString("the server %1:%2 made no progress for %3 s (--stall-timeout); "
-                "stopped")
-            .arg(task.url.host, QString::number(task.url.port), QString::number(task.stallTimeout));
+        QString("the server %1 made no progress for %2 s (--stall-timeout); stopped")
+            .arg(hostPortText(task.url.host, task.url.port), QString::number(task.stallTimeout));
     if (task.op == QLatin1String("upload"))
         return what + ". What was already sent stays on the server: run the same command again "
                       "to resume";
@@ -490,12 +508,23 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
 
 const char* const kUrlForm = "vesk://[USER@]HOST:PORT/APPKEY/PATH";
 
+// -n: says what the command would do, as far as it is known without contacting the server (only
+// a task could tell what the server holds), on stdout, and what was left unknown on stderr.
+int reportDryRun(const ClientTask& task, const QString& plan, const QString& unknown) {
+    printOut(plan);
+    if (!task.quiet)
+        printErr("vesk: dry run: nothing was changed; the server was not contacted, so " + unknown +
+                 " is not known");
+    return kExitOk;
+}
+
 } // namespace
 
 int runUpload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
-                       kMaxRate, kSecretFile, congestionOption(), pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kVerbose,
+                       kDryRun, kStallTimeout, kMaxRate, kSecretFile, congestionOption(),
+                       pluginsOption()});
     parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
     parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
     const CommandHelp help{
@@ -531,6 +560,12 @@ int runUpload(const QStringList& args) {
     task.params.insert("destPath", task.url.path);
 
     const QString target = task.url.toString() + '/' + local.fileName();
+    if (parser.isSet(kDryRun))
+        return reportDryRun(
+            task,
+            QString("would upload %1 (%2) to %3")
+                .arg(task.localPath, formatBytes(local.size()), target),
+            "whether the server already holds an identical copy (which would be left alone)");
     return runAndReport(task, [&](const TaskResult& r) {
         if (wasSecondPass(r) && task.ignoreExisting)
             return QString("%1 already exists on the server; kept (--ignore-existing)").arg(target);
@@ -542,8 +577,9 @@ int runUpload(const QStringList& args) {
 
 int runDownload(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kStallTimeout,
-                       kSecretFile, congestionOption(), pluginsOption()});
+    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kVerbose,
+                       kDryRun, kStallTimeout, kAskRate, kSecretFile, congestionOption(),
+                       pluginsOption()});
     parser.addPositionalArgument("URL_OF_FILE",
                                  QString("The file on the server: %1.").arg(kUrlForm));
     parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
@@ -564,6 +600,8 @@ int runDownload(const QStringList& args) {
         return status;
     if (const int status = readTransferOptions(parser, task); status >= 0)
         return status;
+    if (!parseRate(parser.value(kAskRate), &task.askedRate))
+        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
     if (task.url.path.isEmpty())
         return usageError(task.command, QString("%1 names no file").arg(task.url.toString()));
     const QString localDir =
@@ -578,6 +616,17 @@ int runDownload(const QStringList& args) {
             printErr(
                 QString("vesk: %1 already exists; kept (--ignore-existing)").arg(task.localPath));
         return kExitOk;
+    }
+    if (parser.isSet(kDryRun)) {
+        QString plan = QString("would download %1 to %2").arg(task.url.toString(), task.localPath);
+        const QFileInfo partialFile(VeskBase::tmpFilePathFor(task.localPath));
+        if (QFileInfo::exists(task.localPath))
+            plan += " (it exists: it would be compared with the server's copy and replaced only "
+                    "if it differs)";
+        else if (partialFile.exists() && partialFile.size() > 0 && !parser.isSet(kReplace))
+            plan += QString(" (resuming after the %1 already received)")
+                        .arg(formatBytes(partialFile.size()));
+        return reportDryRun(task, plan, "whether the server holds this file");
     }
     // Each attempt holds the lock on the partial file; a failed verification removed the old
     // one, so a second attempt locks the file it starts anew.
@@ -623,8 +672,8 @@ int runDownload(const QStringList& args) {
 
 int runList(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions(
-        {kRoot, kJson, kQuiet, kStallTimeout, kSecretFile, congestionOption(), pluginsOption()});
+    parser.addOptions({kRoot, kJson, kQuiet, kVerbose, kStallTimeout, kSecretFile,
+                       congestionOption(), pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to list: %1.").arg(kUrlForm));
     const CommandHelp help{
         args.value(0, "ls"), "URL",
@@ -647,8 +696,8 @@ int runList(const QStringList& args) {
 
 int runMkdir(const QStringList& args) {
     QCommandLineParser parser;
-    parser.addOptions(
-        {kRoot, kQuiet, kStallTimeout, kSecretFile, congestionOption(), pluginsOption()});
+    parser.addOptions({kRoot, kQuiet, kVerbose, kDryRun, kStallTimeout, kSecretFile,
+                       congestionOption(), pluginsOption()});
     parser.addPositionalArgument("URL", QString("The directory to create: %1.").arg(kUrlForm));
     const CommandHelp help{"mkdir", "URL",
                            "Creates a directory (and its missing parents) in an application's "
@@ -662,6 +711,9 @@ int runMkdir(const QStringList& args) {
     if (const int status = readCommon(parser, 0, task); status >= 0)
         return status;
     task.params.insert("destPath", task.url.path);
+    if (parser.isSet(kDryRun))
+        return reportDryRun(task, "would create " + task.url.toString(),
+                            "whether the directory exists already");
     return runAndReport(task, [&](const TaskResult&) { return "created " + task.url.toString(); });
 }
 

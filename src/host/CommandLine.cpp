@@ -5,6 +5,7 @@
 #include "Console.h"
 #include "base/Net.h"
 
+#include <QLoggingCategory>
 #include <QRegularExpression>
 
 namespace VESK {
@@ -77,6 +78,24 @@ bool useCongestionOption(const QString& text) {
         return false;
     net::setCongestion(congestion);
     return true;
+}
+
+QCommandLineOption quietOption() {
+    return {QStringList{"q", "quiet"}, "No progress line and no message on success."};
+}
+
+QCommandLineOption verboseOption() {
+    return {QStringList{"v", "verbose"}, "Show the protocol log on stderr."};
+}
+
+QCommandLineOption dryRunOption() {
+    return {QStringList{"n", "dry-run"},
+            "Print what would be done and change nothing; the server is not contacted."};
+}
+
+void showProtocolLog() {
+    qSetMessagePattern("%{time yyyy-MM-ddThh:mm:ss.zzz} [%{type}] %{message}");
+    QLoggingCategory::setFilterRules("vesk.protocol=true\nvesk.protocol.debug=false");
 }
 
 int parseCommand(QCommandLineParser& parser, const QStringList& args, const CommandHelp& help,

@@ -41,6 +41,12 @@ QCommandLineOption congestionOption();
 bool useCongestionOption(const QString& text);
 // The usage error for a bad --congestion value.
 extern const char* const kCongestionUsage;
+// -q/--quiet, -v/--verbose and -n/--dry-run, the same for every client command that has them.
+QCommandLineOption quietOption();
+QCommandLineOption verboseOption();
+QCommandLineOption dryRunOption();
+// What -v turns on: the protocol log (information, warnings and errors) on stderr, with times.
+void showProtocolLog();
 
 } // namespace host
 } // namespace VESK

@@ -104,8 +104,11 @@ void splitProtocolKey(const QString& key, QString* protocol, QString* version) {
 }
 
 HelloResult clientHello(int socket, const QString& protocol, const QString& version,
-                        const ClientCredentials& credentials, QString* errorType, QString* error) {
-    const ParamMap hello{{"protocol", protocol}, {"version", version}};
+                        const ClientCredentials& credentials, QString* errorType, QString* error,
+                        qint64 maxRate) {
+    ParamMap hello{{"protocol", protocol}, {"version", version}};
+    if (maxRate > 0)
+        hello.insert("maxRate", QString::number(maxRate));
     if (!sendMap(socket, kHelloMessage, hello, error))
         return HelloResult::Failed;
     const QDeadlineTimer deadline(kHelloTimeoutMs);
@@ -130,13 +133,25 @@ HelloResult clientHello(int socket, const QString& protocol, const QString& vers
 }
 
 bool readHello(int socket, const QDeadlineTimer& deadline, QString* protocol, QString* version,
-               QString* error) {
+               QString* error, qint64* maxRate) {
     ParamMap hello;
     if (!recvMap(socket, kHelloMessage, deadline, hello, error))
         return false;
     *protocol = hello.value("protocol");
     *version = hello.value("version");
+    if (maxRate) {
+        bool ok = false;
+        *maxRate = hello.value("maxRate").toLongLong(&ok);
+        if (!ok || *maxRate < 0)
+            *maxRate = 0;
+    }
     return true;
+}
+
+qint64 connectionRate(qint64 serverCap, qint64 clientAsked) {
+    if (serverCap <= 0)
+        return std::max<qint64>(clientAsked, 0);
+    return clientAsked > 0 ? std::min(serverCap, clientAsked) : serverCap;
 }
 
 bool answerHello(int socket, const QString& errorType, QString* error) {

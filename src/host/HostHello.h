@@ -66,13 +66,21 @@ enum class HelloResult {
     ServerUnproven, // the server did not prove it knows the secret (detail in `error`)
 };
 
-// Client side: the whole hello, with the challenge when the server sends one.
+// Client side: the whole hello, with the challenge when the server sends one. A `maxRate` above 0
+// asks the server to send at most that many bytes a second on this connection ("maxRate" in
+// message 1); the server keeps its own cap when that is lower.
 HelloResult clientHello(int socket, const QString& protocol, const QString& version,
-                        const ClientCredentials& credentials, QString* errorType, QString* error);
+                        const ClientCredentials& credentials, QString* errorType, QString* error,
+                        qint64 maxRate = 0);
 
-// Server side: reads a client's hello before `deadline`.
+// Server side: reads a client's hello before `deadline`; `maxRate` (when given) receives the
+// rate the client asked for, 0 when it asked for none or sent no valid number.
 bool readHello(int socket, const QDeadlineTimer& deadline, QString* protocol, QString* version,
-               QString* error);
+               QString* error, qint64* maxRate = nullptr);
+
+// The send rate of a connection: the server's cap and the client's, whichever is lower, 0 for
+// neither.
+qint64 connectionRate(qint64 serverCap, qint64 clientAsked);
 // Server side: accepts when `errorType` is empty, refuses with it otherwise.
 bool answerHello(int socket, const QString& errorType, QString* error);
 

@@ -108,7 +108,8 @@ bool isOctalMode(const QString& text) {
 }
 
 bool isLoopbackHost(const QString& host) {
-    return host.startsWith(QLatin1String("127.")) || host == QLatin1String("localhost");
+    return host.startsWith(QLatin1String("127.")) || host == QLatin1String("localhost") ||
+           host == QLatin1String("::1");
 }
 
 // Who may connect: the secrets file, the access lines, or an anonymous server, which only a
@@ -251,8 +252,8 @@ int runServe(const QStringList& args) {
     QCommandLineParser parser;
     parser.addOptions({
         {"listen",
-         "Address and port to listen on; port 0 picks a free one (default "
-         "127.0.0.1:9000).",
+         "Address and port to listen on, an IPv6 address in brackets ([::1]:9000); port 0 "
+         "picks a free one (default 127.0.0.1:9000).",
          "HOST:PORT"},
         {"mount", "The directory every application's files live under.", "DIR"},
         {"app",

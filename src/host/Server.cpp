@@ -7,6 +7,7 @@
 #include "PartialFiles.h"
 #include "TaskLog.h"
 #include "Transfer.h"
+#include "Url.h"
 #include "base/Net.h"
 #include "base/Wire.h"
 
@@ -162,7 +163,7 @@ int Server::run() {
         if (m_stopping)
             UDT::close(listener);
     }
-    printOut(QString("vesk: listening on %1:%2").arg(m_config.host, QString::number(bound)));
+    printOut("vesk: listening on " + hostPortText(m_config.host, bound));
     QStringList apps;
     for (const AppEntry& app : m_config.apps)
         apps << QString("%1 -> %2").arg(app.key, m_config.appDirectory(app.key));
@@ -332,7 +333,8 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
     // connection's place for longer than a silent one.
     const QDeadlineTimer deadline(m_config.helloTimeoutMs);
     QString protocol, version, error;
-    if (!readHello(socket, deadline, &protocol, &version, &error)) {
+    qint64 askedRate = 0;
+    if (!readHello(socket, deadline, &protocol, &version, &error, &askedRate)) {
         printErr(QString("vesk: %1 sent no hello (%2)").arg(peer, error));
         // Closed at once, right after the peer's last packet, the peer would often not learn of
         // the close and would wait for UDT's keep-alive to give up, most of a minute.
@@ -341,6 +343,9 @@ void Server::serveConnection(quint64 id, int socket, const QString& peer) {
         return;
     }
     QString refusal = helloRefusal(protocol, version);
+    // A client may ask for less than the server's own cap, never for more.
+    if (askedRate > 0 && !net::limitSendRate(socket, connectionRate(m_config.maxRate, askedRate)))
+        printErr(QString("vesk: %1: cannot limit the send rate to the one asked for").arg(peer));
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (refusal.isEmpty() && m_stopping)
@@ -370,7 +375,8 @@ void Server::configureHandler(VeskBase* handler, int socket, const QString& peer
     handler->setParam("logFile", m_config.logFile);
     handler->setListEntryLimit(m_config.maxListEntries);
     const int colon = peer.lastIndexOf(':');
-    handler->setParam("clientIp", peer.left(colon));
+    // An IPv6 peer is "[ADDRESS]:PORT"; the handler takes the bare address.
+    handler->setParam("clientIp", peer.left(colon).remove('[').remove(']'));
     handler->setParam("clientPort", peer.mid(colon + 1));
 }
 

@@ -16,9 +16,13 @@ void setError(QString* error, const QString& text) {
 
 } // namespace
 
+QString hostPortText(const QString& host, quint16 port) {
+    return QString(host.contains(':') ? "[%1]:%2" : "%1:%2").arg(host, QString::number(port));
+}
+
 QString VeskUrl::toString() const {
-    return QString("vesk://%1%2:%3/%4%5")
-        .arg(user.isEmpty() ? QString() : user + '@', host, QString::number(port), appKey, path);
+    return QString("vesk://%1%2/%3%4")
+        .arg(user.isEmpty() ? QString() : user + '@', hostPortText(host, port), appKey, path);
 }
 
 QString VeskUrl::fileName() const {
@@ -31,10 +35,26 @@ QString VeskUrl::directory() const {
 
 bool parseHostPort(const QString& text, QString& host, quint16& port, bool allowZero,
                    QString* error) {
-    const int colon = text.lastIndexOf(':');
-    host = colon < 0 ? text : text.left(colon);
-    if (host.isEmpty() || host.contains('[') || host.contains(':')) {
-        setError(error, QString("'%1' does not name a host (IPv4 address or name)").arg(text));
+    // An IPv6 address goes in brackets, as in URLs: "[::1]:9000", "[fe80::1%eth0]".
+    int colon = text.lastIndexOf(':');
+    if (text.startsWith('[')) {
+        const int close = text.indexOf(']');
+        host = text.mid(1, close - 1);
+        colon = close + 1 < text.size() && text.at(close + 1) == ':' ? close + 1 : -1;
+        if (close < 0 || !host.contains(':') || host.contains('[') ||
+            (colon < 0 && close + 1 != text.size())) {
+            setError(error, QString("'%1' does not name a host (an IPv6 address goes in "
+                                    "brackets: [::1]:9000)")
+                                .arg(text));
+            return false;
+        }
+    } else {
+        host = colon < 0 ? text : text.left(colon);
+    }
+    if (host.isEmpty() || host.contains('[') || (host.contains(':') && !text.startsWith('['))) {
+        setError(error, QString("'%1' does not name a host (IPv4 address, name, or IPv6 address "
+                                "in brackets)")
+                            .arg(text));
         return false;
     }
     if (colon < 0) {
@@ -52,6 +72,7 @@ bool parseHostPort(const QString& text, QString& host, quint16& port, bool allow
 }
 
 bool parseUrl(const QString& text, VeskUrl& url, QString* error) {
+    url = VeskUrl();
     if (!text.startsWith(kScheme)) {
         setError(error,
                  QString("'%1' is not a vesk URL (vesk://[USER@]HOST:PORT/APPKEY/PATH)").arg(text));
@@ -71,6 +92,7 @@ bool parseUrl(const QString& text, VeskUrl& url, QString* error) {
     }
     if (!parseHostPort(authority, url.host, url.port, false, error))
         return false;
+    url.portGiven = authority.endsWith(':' + QString::number(url.port));
 
     QStringList segments =
         rest.mid(slash < 0 ? rest.size() : slash + 1).split('/', Qt::SkipEmptyParts);

@@ -30,9 +30,11 @@ const char* const kOverview =
     "  ls         list a directory on a server, recursively (also: list)\n"
     "  mkdir      create a directory on a server\n"
     "  key        load the plug-in and print its protocol key\n"
+    "  help       describe a command (vesk help COMMAND)\n"
     "\n"
-    "'vesk COMMAND --help' describes a command, with an example. Exit status: 0 success, 1 a\n"
-    "failed task, 2 bad usage, 130 interrupted.\n"
+    "'vesk COMMAND --help' or 'vesk help COMMAND' describes a command, with an example.\n"
+    "Servers can be named by aliases in ~/.config/vesk/config (see 'man vesk'). Exit status:\n"
+    "0 success, 1 a failed task, 2 bad usage, 130 interrupted.\n"
     "\n"
     "Example:\n"
     "  vesk serve --listen 127.0.0.1:9000 --mount /tmp/m --app appA=a &\n"
@@ -70,6 +72,9 @@ void setLogDefaults(const QString& command) {
 
 int runCommand(const QStringList& args) {
     const QString command = args.value(0);
+    // "vesk help COMMAND" is "vesk COMMAND --help".
+    if (command == QLatin1String("help") && args.size() == 2)
+        return runCommand({args.at(1), QStringLiteral("--help")});
     if (command == QLatin1String("--help") || command == QLatin1String("-h") ||
         command == QLatin1String("help")) {
         printOut(kOverview);
