@@ -490,7 +490,7 @@ private slots:
         QTest::newRow("no command") << QStringList{} << "vesk: no command given";
         QTest::newRow("unknown command") << QStringList{"move"} << "vesk: unknown command 'move'";
         QTest::newRow("missing argument")
-            << QStringList{"upload", "a.txt"} << "vesk upload: expected LOCAL_FILE URL_OF_DIR";
+            << QStringList{"upload", "a.txt"} << "vesk upload: expected LOCAL... URL";
         QTest::newRow("extra argument") << QStringList{"mkdir", "vesk://127.0.0.1:1/a/b", "c"}
                                         << "vesk mkdir: unexpected argument 'c'";
         QTest::newRow("unknown option") << QStringList{"ls", "--colour", "vesk://127.0.0.1:1/a"}
@@ -649,7 +649,8 @@ private slots:
         QCOMPARE(second.value("type").toString(), QString("file"));
 
         const QString into = s.local() + "/fetched";
-        run = runVesk({"download", "--verify", "sha256", server.url("appA/docs/notes.bin"), into});
+        run = runVesk(
+            {"download", "--verify", "sha256", server.url("appA/docs/notes.bin"), into + "/"});
         QCOMPARE(run.code, 0);
         QVERIFY(sameContents(original, into + "/notes.bin"));
         QVERIFY(!QFileInfo::exists(partialOf(into + "/notes.bin")));
@@ -760,8 +761,8 @@ private slots:
         QVERIFY(QDir().mkpath(s.appA() + "/docs/sub"));
         const Run run = runVesk({"download", server.url("appA/docs"), s.local()});
         QCOMPARE(run.code, 1);
-        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; vesk downloads one "
-                                  "file at a time (vesk ls lists the directory)\n"),
+        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; download -r copies "
+                                  "a directory tree\n"),
                  qPrintable(run.err));
         QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList());
@@ -898,7 +899,8 @@ private slots:
         QVERIFY(server.start());
         const QString original = s.local() + "/r.txt";
         QVERIFY(writePatternFile(original, 1000, 5));
-        QCOMPARE(runVesk({"upload", "--root", "tenant1", original, server.url("appB/in")}).code, 0);
+        QCOMPARE(runVesk({"upload", "--root", "tenant1", original, server.url("appB/in/")}).code,
+                 0);
         QVERIFY(sameContents(original, s.mount() + "/apps/b/tenant1/in/r.txt"));
         const Run run = runVesk({"ls", "--root", "tenant1", server.url("appB")});
         QCOMPARE(run.out, QString("/in/\n/in/r.txt\n"));
@@ -1066,7 +1068,7 @@ private slots:
 
         QVERIFY(QDir().mkpath(s.local() + "/back"));
         clock.restart();
-        const Run down = runVesk({"download", server.url("appA/paced.bin"), s.local() + "/back"});
+        const Run down = runVesk({"download", server.url("appA/paced.bin"), s.local() + "/back/"});
         QCOMPARE(down.code, 0);
         QVERIFY2(clock.elapsed() >= 1200, qPrintable(QString::number(clock.elapsed())));
         QVERIFY(sameContents(source, s.local() + "/back/paced.bin"));
@@ -1266,7 +1268,7 @@ private slots:
             const QString file = s.local() + QString("/f%1.bin").arg(i);
             QVERIFY(writePatternFile(file, 512 * 1024 + i, quint32(100 + i)));
             clients.push_back(std::make_unique<QProcess>());
-            startVesk(*clients.back(), {"upload", "--quiet", file, server.url("appA/many")});
+            startVesk(*clients.back(), {"upload", "--quiet", file, server.url("appA/many/")});
         }
         for (auto& client : clients) {
             QVERIFY(client->waitForFinished(60000));
