@@ -89,6 +89,31 @@ Run runVesk(const QStringList& args, int timeoutMs = 60000,
     return run;
 }
 
+// runVesk while `server` runs many tasks: its log lines are read as they come.
+template <typename Server>
+Run runVeskBeside(Server& server, const QStringList& args, int timeoutMs) {
+    QProcess process;
+    startVesk(process, args);
+    Run run;
+    if (!process.waitForStarted(10000))
+        return run;
+    QElapsedTimer clock;
+    clock.start();
+    while (!process.waitForFinished(100)) {
+        server.drain();
+        if (clock.elapsed() > timeoutMs) {
+            process.kill();
+            process.waitForFinished(5000);
+            run.err = "timed out";
+            return run;
+        }
+    }
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
 // Sends `signal` to a running process. QProcess reports 0 once the process has ended, and
 // kill(0, ...) would signal this test's whole process group (ctest and its shell included).
 void signalProcess(const QProcess& process, int signal) {
@@ -126,6 +151,17 @@ bool waitForSizeAbove(const QString& path, qint64 bytes, int timeoutMs = 20000) 
         QThread::usleep(500);
     }
     return false;
+}
+
+// `diff -r`: the same files with the same contents, the same directories (empty ones too).
+bool treesAreEqual(const QString& a, const QString& b) {
+    QProcess diff;
+    diff.start("diff", {"-r", a, b});
+    if (!diff.waitForFinished(60000))
+        return false;
+    if (diff.exitCode() != 0)
+        qWarning().noquote() << diff.readAllStandardOutput().left(2000);
+    return diff.exitStatus() == QProcess::NormalExit && diff.exitCode() == 0;
 }
 
 bool sameContents(const QString& a, const QString& b) {
@@ -276,6 +312,10 @@ public:
     QString url(const QString& rest) const {
         return QString("vesk://127.0.0.1:%1/%2").arg(m_port).arg(rest);
     }
+
+    // Takes in what the server wrote so far, so that a long run of tasks never fills the pipe
+    // of its log lines (the server would block writing them).
+    void drain() { waitForLine(QRegularExpression("^\\b\\B$"), 0); }
 
     // The first line of stdout not yet taken that matches `re`; "" after `timeoutMs`.
     QString waitForLine(const QRegularExpression& re, int timeoutMs = 20000) {
@@ -904,6 +944,183 @@ private slots:
         QVERIFY(sameContents(original, s.mount() + "/apps/b/tenant1/in/r.txt"));
         const Run run = runVesk({"ls", "--root", "tenant1", server.url("appB")});
         QCOMPARE(run.out, QString("/in/\n/in/r.txt\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // ---- Many files and trees ---------------------------------------------------------------
+
+    void treeRoundTripWithOneCommandEachWay() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        // 1,000 files of 4 KiB in 50 directories, five of them empty.
+        const QString tree = s.local() + "/tree";
+        QStringList full;
+        for (int d = 0; d < 50; ++d) {
+            const QString dir = QString("%1/d%2/sub%3").arg(tree).arg(d / 10).arg(d);
+            QVERIFY(QDir().mkpath(dir));
+            if (d % 10 != 9)
+                full << dir;
+        }
+        for (int i = 0; i < 1000; ++i)
+            QVERIFY(writePatternFile(QString("%1/f%2.bin").arg(full.at(i % full.size())).arg(i),
+                                     4096, i));
+
+        Run run =
+            runVeskBeside(server, {"upload", "-r", "-j", "8", tree, server.url("appA/")}, 240000);
+        QVERIFY2(run.code == 0 &&
+                     run.err.contains("1000 files: 1000 copied, 0 already identical, 0 failed"),
+                 qPrintable(run.err.right(2000)));
+        QVERIFY(treesAreEqual(tree, s.appA() + "/tree"));
+
+        const QString back = s.local() + "/back";
+        run = runVeskBeside(server, {"download", "-r", "-j", "8", server.url("appA/tree"), back},
+                            240000);
+        QVERIFY2(run.code == 0 && run.err.contains("1000 files: 1000 copied"),
+                 qPrintable(run.err.right(2000)));
+        QVERIFY(treesAreEqual(tree, back));
+        QCOMPARE(QDir(back + "/d0/sub9").entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+                 QStringList());
+
+        // A rerun finds everything in place: the contents of the server's tree go into `back`.
+        run = runVeskBeside(server, {"download", "-r", "-j", "8", server.url("appA/tree/"), back},
+                            240000);
+        QVERIFY2(run.code == 0 &&
+                     run.err.contains("1000 files: 0 copied, 1000 already identical, 0 failed"),
+                 qPrintable(run.err.right(2000)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void targetNamesWorkLikeScp() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA() + "/docs"));
+        const QString notes = s.local() + "/notes.txt";
+        QVERIFY(writePatternFile(notes, 5000, 1));
+
+        // An existing directory receives the file under its own name; any other name is the
+        // name of the copy.
+        QCOMPARE(runVesk({"upload", notes, server.url("appA/docs")}).code, 0);
+        QVERIFY(sameContents(notes, s.appA() + "/docs/notes.txt"));
+        const Run renamed = runVesk({"upload", notes, server.url("appA/docs/report-2024.txt")});
+        QCOMPARE(renamed.code, 0);
+        QVERIFY2(renamed.err.contains("/appA/docs/report-2024.txt"), qPrintable(renamed.err));
+        QVERIFY(QFileInfo(s.appA() + "/docs/report-2024.txt").isFile());
+        QVERIFY(sameContents(notes, s.appA() + "/docs/report-2024.txt"));
+
+        // Downloads alike: a new name, then the same again (identical), then into a directory.
+        const QString copy = s.local() + "/copy.txt";
+        Run run = runVesk({"download", server.url("appA/docs/report-2024.txt"), copy});
+        QCOMPARE(run.code, 0);
+        QVERIFY(QFileInfo(copy).isFile());
+        QVERIFY(sameContents(notes, copy));
+        run = runVesk({"download", server.url("appA/docs/report-2024.txt"), copy});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("already identical"), qPrintable(run.err));
+        QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 (QStringList{"copy.txt", "notes.txt"}));
+        const QString into = s.local() + "/in/";
+        QCOMPARE(runVesk({"download", server.url("appA/docs/notes.txt"), into}).code, 0);
+        QVERIFY(sameContents(notes, into + "notes.txt"));
+
+        // Several sources into a directory that does not exist yet.
+        const QString other = s.local() + "/other.txt";
+        QVERIFY(writePatternFile(other, 300, 2));
+        run = runVesk({"upload", notes, other, server.url("appA/fresh")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(notes, s.appA() + "/fresh/notes.txt"));
+        QVERIFY(sameContents(other, s.appA() + "/fresh/other.txt"));
+        run = runVesk({"download", server.url("appA/fresh/notes.txt"),
+                       server.url("appA/fresh/other.txt"), s.local() + "/both"});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(other, s.local() + "/both/other.txt"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void trailingSlashCopiesADirectorysContents() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString photos = s.local() + "/photos";
+        QVERIFY(QDir().mkpath(photos + "/2024/empty"));
+        QVERIFY(writePatternFile(photos + "/2024/a.jpg", 2000, 3));
+        QVERIFY(writePatternFile(photos + "/b.jpg", 1000, 4));
+
+        Run run = runVesk({"upload", "-r", photos, server.url("appA/backup/")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(treesAreEqual(photos, s.appA() + "/backup/photos"));
+        run = runVesk({"upload", "-r", photos + "/", server.url("appA/flat/")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(treesAreEqual(photos, s.appA() + "/flat"));
+        // A directory without -r is refused, by either command.
+        run = runVesk({"upload", photos, server.url("appA/")});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("is a directory; -r uploads directory trees"),
+                 qPrintable(run.err));
+        run = runVesk(
+            {"download", server.url("appA/flat"), server.url("appA/backup"), s.local() + "/x"});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("is a directory on the server; -r downloads directory trees"),
+                 qPrintable(run.err));
+        run = runVesk({"download", "-r", "-v", server.url("appA/flat/"), s.local() + "/again"});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("vesk: downloaded " + s.local() + "/again/2024/a.jpg\n"),
+                 qPrintable(run.err));
+        QVERIFY(treesAreEqual(photos, s.local() + "/again"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void aFailedFileDoesNotStopTheOthers() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        // On the server, the name of the first file is taken by a directory.
+        QVERIFY(QDir().mkpath(s.appA() + "/in/a.txt/inside"));
+        QStringList sources;
+        for (const char* name : {"a.txt", "b.txt", "c.txt"}) {
+            sources << s.local() + '/' + name;
+            QVERIFY(writePatternFile(sources.last(), 1000, 9));
+        }
+        const Run run = runVesk(QStringList{"upload", "-j", "2"} + sources +
+                                QStringList{server.url("appA/in")});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("vesk: failed /in/a.txt: "), qPrintable(run.err));
+        QVERIFY2(run.err.endsWith("3 files: 2 copied, 0 already identical, 1 failed; " +
+                                  run.err.section("failed; ", -1)),
+                 qPrintable(run.err));
+        QVERIFY(sameContents(sources.at(1), s.appA() + "/in/b.txt"));
+        QVERIFY(sameContents(sources.at(2), s.appA() + "/in/c.txt"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void interruptedTreeResumesWhereItStopped() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString tree = s.local() + "/t";
+        QVERIFY(QDir().mkpath(tree + "/small"));
+        QVERIFY(QFile::link(m_big, tree + "/big.bin"));
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(writePatternFile(QString("%1/small/%2.bin").arg(tree).arg(i), 1000, i));
+        const QString destination = s.appA() + "/t/big.bin";
+
+        QProcess client;
+        startVesk(client,
+                  {"upload", "-r", "--max-rate", kInterruptedRate, tree, server.url("appA/")});
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        signalProcess(client, SIGINT);
+        QVERIFY(client.waitForFinished(20000));
+        QCOMPARE(client.exitCode(), 130);
+        const QString err = QString::fromUtf8(client.readAllStandardError());
+        QVERIFY2(err.contains("vesk: interrupted; ") && err.contains("Run the same command again"),
+                 qPrintable(err));
+
+        const Run resumed = runVesk({"upload", "-r", "-v", tree, server.url("appA/")}, 120000);
+        QCOMPARE(resumed.code, 0);
+        QVERIFY2(resumed.err.contains("already identical: /t/small/"), qPrintable(resumed.err));
+        QVERIFY(sameContents(m_big, destination));
+        QVERIFY(treesAreEqual(tree, s.appA() + "/t"));
         QCOMPARE(server.stop(), 0);
     }
 

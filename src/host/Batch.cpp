@@ -117,18 +117,8 @@ ItemResult runDownloadItem(const CopyItem& item, ClientTask& task) {
     std::unique_ptr<PartialFileLock> lock;
     const QString partial = VeskBase::tmpFilePathFor(item.local);
     const bool replace = task.params.value("bReplace") == QLatin1String("true");
-    ItemResult result = runOnce(task, [&]() -> QString {
-        lock.reset();
-        QDir().mkpath(localDir);
-        lock = std::make_unique<PartialFileLock>(partial);
-        if (lock->state() == PartialFileLock::State::Busy)
-            return "another transfer of this file is in progress";
-        if (lock->state() == PartialFileLock::State::Failed)
-            return QString("cannot create the partial file %1: %2").arg(partial, lock->error());
-        if (replace && !lock->truncate())
-            return QString("cannot empty the partial file %1").arg(partial);
-        return QString();
-    });
+    ItemResult result = runOnce(
+        task, [&] { return lockPartialFile(lock, localDir, partial, replace, item.local); });
     if (result.outcome == Outcome::Done || result.outcome == Outcome::Identical)
         keepVerifiedValue(item.local, task.params.value("bVerify"));
     return result;

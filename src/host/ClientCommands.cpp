@@ -306,27 +306,11 @@ int downloadInto(ClientTask task, const QString& localDir, const QString& shown)
     const QString partial = VeskBase::tmpFilePathFor(task.localPath);
     const bool replace = task.params.value("bReplace") == QLatin1String("true");
     auto prepare = [&]() -> int {
-        lock.reset();
-        // The handler would create the directory too; the lock needs it first.
-        QDir().mkpath(localDir);
-        lock = std::make_unique<PartialFileLock>(partial);
-        if (lock->state() == PartialFileLock::State::Busy) {
-            printErr(QString("vesk: another transfer of this file is in progress: %1").arg(shown));
-            return kExitFailed;
-        }
-        if (lock->state() == PartialFileLock::State::Failed) {
-            printErr(
-                QString("vesk: cannot create the partial file %1: %2").arg(partial, lock->error()));
-            return kExitFailed;
-        }
-        // With --replace the handler starts at offset 0 but appends to the partial file it
-        // finds; the partial file is the client's own, so it is emptied and the download
-        // starts clean.
-        if (replace && !lock->truncate()) {
-            printErr(QString("vesk: cannot empty the partial file %1").arg(partial));
-            return kExitFailed;
-        }
-        return -1;
+        const QString refused = lockPartialFile(lock, localDir, partial, replace, shown);
+        if (refused.isEmpty())
+            return -1;
+        printErr("vesk: " + refused);
+        return kExitFailed;
     };
     return runAndReport(
         task,
@@ -364,6 +348,9 @@ int downloadOne(const ClientTask& task, const QString& place) {
         printErr(QString("vesk: cannot rename %1 to %2").arg(staged, place));
         return kExitFailed;
     }
+    // A rename onto the very file it links to (an identical copy) leaves both names.
+    if (status == kExitOk)
+        QFile::remove(staged);
     // What stays is a partial file for the next run; an unused link goes.
     if (status != kExitOk && info.isFile() && QFileInfo(staged).isFile())
         QFile::remove(staged);
