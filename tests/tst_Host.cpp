@@ -1638,7 +1638,7 @@ private slots:
         const QString local = s.local() + "/a.bin";
         QVERIFY(writePatternFile(local, 300000, 5));
         const Run up = runVesk({"upload", "--quiet", "--secret-file", s.alice(), local,
-                                userUrl("alice", server.port(), "appA/in")},
+                                userUrl("alice", server.port(), "appA/in/")},
                                60000, s.environment());
         QVERIFY2(up.code == 0, qPrintable(up.err));
         QVERIFY(sameContents(local, s.appA() + "/in/a.bin"));
