@@ -91,6 +91,31 @@ Run runVesk(const QStringList& args, int timeoutMs = 60000,
     return run;
 }
 
+// runVesk while `server` runs many tasks: its log lines are read as they come.
+template <typename Server>
+Run runVeskBeside(Server& server, const QStringList& args, int timeoutMs) {
+    QProcess process;
+    startVesk(process, args);
+    Run run;
+    if (!process.waitForStarted(10000))
+        return run;
+    QElapsedTimer clock;
+    clock.start();
+    while (!process.waitForFinished(100)) {
+        server.drain();
+        if (clock.elapsed() > timeoutMs) {
+            process.kill();
+            process.waitForFinished(5000);
+            run.err = "timed out";
+            return run;
+        }
+    }
+    run.code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
+}
+
 // Sends `signal` to a running process. QProcess reports 0 once the process has ended, and
 // kill(0, ...) would signal this test's whole process group (ctest and its shell included).
 void signalProcess(const QProcess& process, int signal) {
@@ -128,6 +153,17 @@ bool waitForSizeAbove(const QString& path, qint64 bytes, int timeoutMs = 20000) 
         QThread::usleep(500);
     }
     return false;
+}
+
+// `diff -r`: the same files with the same contents, the same directories (empty ones too).
+bool treesAreEqual(const QString& a, const QString& b) {
+    QProcess diff;
+    diff.start("diff", {"-r", a, b});
+    if (!diff.waitForFinished(60000))
+        return false;
+    if (diff.exitCode() != 0)
+        qWarning().noquote() << diff.readAllStandardOutput().left(2000);
+    return diff.exitStatus() == QProcess::NormalExit && diff.exitCode() == 0;
 }
 
 bool sameContents(const QString& a, const QString& b) {
@@ -278,6 +314,10 @@ public:
     QString url(const QString& rest) const {
         return QString("vesk://127.0.0.1:%1/%2").arg(m_port).arg(rest);
     }
+
+    // Takes in what the server wrote so far, so that a long run of tasks never fills the pipe
+    // of its log lines (the server would block writing them).
+    void drain() { waitForLine(QRegularExpression("^\\b\\B$"), 0); }
 
     // The first line of stdout not yet taken that matches `re`; "" after `timeoutMs`.
     QString waitForLine(const QRegularExpression& re, int timeoutMs = 20000) {
@@ -500,7 +540,7 @@ private slots:
         QTest::newRow("no command") << QStringList{} << "vesk: no command given";
         QTest::newRow("unknown command") << QStringList{"move"} << "vesk: unknown command 'move'";
         QTest::newRow("missing argument")
-            << QStringList{"upload", "a.txt"} << "vesk upload: expected LOCAL_FILE URL_OF_DIR";
+            << QStringList{"upload", "a.txt"} << "vesk upload: expected LOCAL... URL";
         QTest::newRow("extra argument") << QStringList{"mkdir", "vesk://127.0.0.1:1/a/b", "c"}
                                         << "vesk mkdir: unexpected argument 'c'";
         QTest::newRow("unknown option") << QStringList{"ls", "--colour", "vesk://127.0.0.1:1/a"}
@@ -672,7 +712,8 @@ private slots:
         QCOMPARE(second.value("type").toString(), QString("file"));
 
         const QString into = s.local() + "/fetched";
-        run = runVesk({"download", "--verify", "sha256", server.url("appA/docs/notes.bin"), into});
+        run = runVesk(
+            {"download", "--verify", "sha256", server.url("appA/docs/notes.bin"), into + "/"});
         QCOMPARE(run.code, 0);
         QVERIFY(sameContents(original, into + "/notes.bin"));
         QVERIFY(!QFileInfo::exists(partialOf(into + "/notes.bin")));
@@ -783,8 +824,8 @@ private slots:
         QVERIFY(QDir().mkpath(s.appA() + "/docs/sub"));
         const Run run = runVesk({"download", server.url("appA/docs"), s.local()});
         QCOMPARE(run.code, 1);
-        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; vesk downloads one "
-                                  "file at a time (vesk ls lists the directory)\n"),
+        QVERIFY2(run.err.endsWith("vesk: /docs is a directory on the server; download -r copies "
+                                  "a directory tree\n"),
                  qPrintable(run.err));
         QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList());
@@ -921,10 +962,188 @@ private slots:
         QVERIFY(server.start());
         const QString original = s.local() + "/r.txt";
         QVERIFY(writePatternFile(original, 1000, 5));
-        QCOMPARE(runVesk({"upload", "--root", "tenant1", original, server.url("appB/in")}).code, 0);
+        QCOMPARE(runVesk({"upload", "--root", "tenant1", original, server.url("appB/in/")}).code,
+                 0);
         QVERIFY(sameContents(original, s.mount() + "/apps/b/tenant1/in/r.txt"));
         const Run run = runVesk({"ls", "--root", "tenant1", server.url("appB")});
         QCOMPARE(run.out, QString("/in/\n/in/r.txt\n"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // ---- Many files and trees ---------------------------------------------------------------
+
+    void treeRoundTripWithOneCommandEachWay() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        // 1,000 files of 4 KiB in 50 directories, five of them empty.
+        const QString tree = s.local() + "/tree";
+        QStringList full;
+        for (int d = 0; d < 50; ++d) {
+            const QString dir = QString("%1/d%2/sub%3").arg(tree).arg(d / 10).arg(d);
+            QVERIFY(QDir().mkpath(dir));
+            if (d % 10 != 9)
+                full << dir;
+        }
+        for (int i = 0; i < 1000; ++i)
+            QVERIFY(writePatternFile(QString("%1/f%2.bin").arg(full.at(i % full.size())).arg(i),
+                                     4096, i));
+
+        Run run =
+            runVeskBeside(server, {"upload", "-r", "-j", "8", tree, server.url("appA/")}, 240000);
+        QVERIFY2(run.code == 0 &&
+                     run.err.contains("1000 files: 1000 copied, 0 already identical, 0 failed"),
+                 qPrintable(run.err.right(2000)));
+        QVERIFY(treesAreEqual(tree, s.appA() + "/tree"));
+
+        const QString back = s.local() + "/back";
+        run = runVeskBeside(server, {"download", "-r", "-j", "8", server.url("appA/tree"), back},
+                            240000);
+        QVERIFY2(run.code == 0 && run.err.contains("1000 files: 1000 copied"),
+                 qPrintable(run.err.right(2000)));
+        QVERIFY(treesAreEqual(tree, back));
+        QCOMPARE(QDir(back + "/d0/sub9").entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+                 QStringList());
+
+        // A rerun finds everything in place: the contents of the server's tree go into `back`.
+        run = runVeskBeside(server, {"download", "-r", "-j", "8", server.url("appA/tree/"), back},
+                            240000);
+        QVERIFY2(run.code == 0 &&
+                     run.err.contains("1000 files: 0 copied, 1000 already identical, 0 failed"),
+                 qPrintable(run.err.right(2000)));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void targetNamesWorkLikeScp() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        QVERIFY(QDir().mkpath(s.appA() + "/docs"));
+        const QString notes = s.local() + "/notes.txt";
+        QVERIFY(writePatternFile(notes, 5000, 1));
+
+        // An existing directory receives the file under its own name; any other name is the
+        // name of the copy.
+        QCOMPARE(runVesk({"upload", notes, server.url("appA/docs")}).code, 0);
+        QVERIFY(sameContents(notes, s.appA() + "/docs/notes.txt"));
+        const Run renamed = runVesk({"upload", notes, server.url("appA/docs/report-2024.txt")});
+        QCOMPARE(renamed.code, 0);
+        QVERIFY2(renamed.err.contains("/appA/docs/report-2024.txt"), qPrintable(renamed.err));
+        QVERIFY(QFileInfo(s.appA() + "/docs/report-2024.txt").isFile());
+        QVERIFY(sameContents(notes, s.appA() + "/docs/report-2024.txt"));
+
+        // Downloads alike: a new name, then the same again (identical), then into a directory.
+        const QString copy = s.local() + "/copy.txt";
+        Run run = runVesk({"download", server.url("appA/docs/report-2024.txt"), copy});
+        QCOMPARE(run.code, 0);
+        QVERIFY(QFileInfo(copy).isFile());
+        QVERIFY(sameContents(notes, copy));
+        run = runVesk({"download", server.url("appA/docs/report-2024.txt"), copy});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("already identical"), qPrintable(run.err));
+        QCOMPARE(QDir(s.local()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 (QStringList{"copy.txt", "notes.txt"}));
+        const QString into = s.local() + "/in/";
+        QCOMPARE(runVesk({"download", server.url("appA/docs/notes.txt"), into}).code, 0);
+        QVERIFY(sameContents(notes, into + "notes.txt"));
+
+        // Several sources into a directory that does not exist yet.
+        const QString other = s.local() + "/other.txt";
+        QVERIFY(writePatternFile(other, 300, 2));
+        run = runVesk({"upload", notes, other, server.url("appA/fresh")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(notes, s.appA() + "/fresh/notes.txt"));
+        QVERIFY(sameContents(other, s.appA() + "/fresh/other.txt"));
+        run = runVesk({"download", server.url("appA/fresh/notes.txt"),
+                       server.url("appA/fresh/other.txt"), s.local() + "/both"});
+        QCOMPARE(run.code, 0);
+        QVERIFY(sameContents(other, s.local() + "/both/other.txt"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void trailingSlashCopiesADirectorysContents() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString photos = s.local() + "/photos";
+        QVERIFY(QDir().mkpath(photos + "/2024/empty"));
+        QVERIFY(writePatternFile(photos + "/2024/a.jpg", 2000, 3));
+        QVERIFY(writePatternFile(photos + "/b.jpg", 1000, 4));
+
+        Run run = runVesk({"upload", "-r", photos, server.url("appA/backup/")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(treesAreEqual(photos, s.appA() + "/backup/photos"));
+        run = runVesk({"upload", "-r", photos + "/", server.url("appA/flat/")});
+        QCOMPARE(run.code, 0);
+        QVERIFY(treesAreEqual(photos, s.appA() + "/flat"));
+        // A directory without -r is refused, by either command.
+        run = runVesk({"upload", photos, server.url("appA/")});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("is a directory; -r uploads directory trees"),
+                 qPrintable(run.err));
+        run = runVesk(
+            {"download", server.url("appA/flat"), server.url("appA/backup"), s.local() + "/x"});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("is a directory on the server; -r downloads directory trees"),
+                 qPrintable(run.err));
+        run = runVesk({"download", "-r", "-v", server.url("appA/flat/"), s.local() + "/again"});
+        QCOMPARE(run.code, 0);
+        QVERIFY2(run.err.contains("vesk: downloaded " + s.local() + "/again/2024/a.jpg\n"),
+                 qPrintable(run.err));
+        QVERIFY(treesAreEqual(photos, s.local() + "/again"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void aFailedFileDoesNotStopTheOthers() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        // On the server, the name of the first file is taken by a directory.
+        QVERIFY(QDir().mkpath(s.appA() + "/in/a.txt/inside"));
+        QStringList sources;
+        for (const char* name : {"a.txt", "b.txt", "c.txt"}) {
+            sources << s.local() + '/' + name;
+            QVERIFY(writePatternFile(sources.last(), 1000, 9));
+        }
+        const Run run = runVesk(QStringList{"upload", "-j", "2"} + sources +
+                                QStringList{server.url("appA/in")});
+        QCOMPARE(run.code, 1);
+        QVERIFY2(run.err.contains("vesk: failed /in/a.txt: "), qPrintable(run.err));
+        QVERIFY2(run.err.endsWith("3 files: 2 copied, 0 already identical, 1 failed; " +
+                                  run.err.section("failed; ", -1)),
+                 qPrintable(run.err));
+        QVERIFY(sameContents(sources.at(1), s.appA() + "/in/b.txt"));
+        QVERIFY(sameContents(sources.at(2), s.appA() + "/in/c.txt"));
+        QCOMPARE(server.stop(), 0);
+    }
+
+    void interruptedTreeResumesWhereItStopped() {
+        Scratch s;
+        ServeProcess server(s.mount());
+        QVERIFY(server.start());
+        const QString tree = s.local() + "/t";
+        QVERIFY(QDir().mkpath(tree + "/small"));
+        QVERIFY(QFile::link(m_big, tree + "/big.bin"));
+        for (int i = 0; i < 5; ++i)
+            QVERIFY(writePatternFile(QString("%1/small/%2.bin").arg(tree).arg(i), 1000, i));
+        const QString destination = s.appA() + "/t/big.bin";
+
+        QProcess client;
+        startVesk(client,
+                  {"upload", "-r", "--max-rate", kInterruptedRate, tree, server.url("appA/")});
+        QVERIFY(waitForSizeAbove(partialOf(destination), 0));
+        signalProcess(client, SIGINT);
+        QVERIFY(client.waitForFinished(20000));
+        QCOMPARE(client.exitCode(), 130);
+        const QString err = QString::fromUtf8(client.readAllStandardError());
+        QVERIFY2(err.contains("vesk: interrupted; ") && err.contains("Run the same command again"),
+                 qPrintable(err));
+
+        const Run resumed = runVesk({"upload", "-r", "-v", tree, server.url("appA/")}, 120000);
+        QCOMPARE(resumed.code, 0);
+        QVERIFY2(resumed.err.contains("already identical: /t/small/"), qPrintable(resumed.err));
+        QVERIFY(sameContents(m_big, destination));
+        QVERIFY(treesAreEqual(tree, s.appA() + "/t"));
         QCOMPARE(server.stop(), 0);
     }
 
@@ -1095,7 +1314,7 @@ private slots:
 
         QVERIFY(QDir().mkpath(s.local() + "/back"));
         clock.restart();
-        const Run down = runVesk({"download", server.url("appA/paced.bin"), s.local() + "/back"});
+        const Run down = runVesk({"download", server.url("appA/paced.bin"), s.local() + "/back/"});
         QCOMPARE(down.code, 0);
         QVERIFY2(clock.elapsed() >= 1200, qPrintable(QString::number(clock.elapsed())));
         QVERIFY(sameContents(source, s.local() + "/back/paced.bin"));
@@ -1295,7 +1514,7 @@ private slots:
             const QString file = s.local() + QString("/f%1.bin").arg(i);
             QVERIFY(writePatternFile(file, 512 * 1024 + i, quint32(100 + i)));
             clients.push_back(std::make_unique<QProcess>());
-            startVesk(*clients.back(), {"upload", "--quiet", file, server.url("appA/many")});
+            startVesk(*clients.back(), {"upload", "--quiet", file, server.url("appA/many/")});
         }
         for (auto& client : clients) {
             QVERIFY(client->waitForFinished(60000));
@@ -1448,7 +1667,7 @@ private slots:
         const QString local = s.local() + "/a.bin";
         QVERIFY(writePatternFile(local, 300000, 5));
         const Run up = runVesk({"upload", "--quiet", "--secret-file", s.alice(), local,
-                                userUrl("alice", server.port(), "appA/in")},
+                                userUrl("alice", server.port(), "appA/in/")},
                                60000, s.environment());
         QVERIFY2(up.code == 0, qPrintable(up.err));
         QVERIFY(sameContents(local, s.appA() + "/in/a.bin"));
@@ -1818,11 +2037,12 @@ private slots:
         const QString source = s.local() + "/plan.bin";
         QVERIFY(writePatternFile(source, 5000, 2));
 
-        Run run = runVesk({"upload", "-n", source, server.url("appA/docs")});
+        Run run = runVesk({"upload", "-n", source, server.url("appA/docs/")});
         QCOMPARE(run.code, 0);
         QCOMPARE(run.out, QString("would upload %1 (4.9 KiB) to %2\n")
                               .arg(source, server.url("appA/docs/plan.bin")));
-        QVERIFY2(run.err.contains("dry run: nothing was changed; the server was not contacted"),
+        QVERIFY2(run.err.contains("dry run: nothing was changed; whether the server already holds "
+                                  "an identical copy"),
                  qPrintable(run.err));
         run = runVesk({"mkdir", "--dry-run", server.url("appA/new")});
         QCOMPARE(run.code, 0);
@@ -1901,7 +2121,7 @@ private slots:
         const QString url = QString("vesk://[::1]:%1/appA").arg(m.captured(1));
         const QString source = s.local() + "/six.bin";
         QVERIFY(writePatternFile(source, 200000, 6));
-        Run run = runVesk({"upload", source, url + "/v6"});
+        Run run = runVesk({"upload", source, url + "/v6/"});
         QCOMPARE(run.code, 0);
         QVERIFY2(run.err.contains("to " + url + "/v6/six.bin"), qPrintable(run.err));
         QVERIFY(sameContents(source, s.appA() + "/v6/six.bin"));
@@ -1934,7 +2154,7 @@ private slots:
         const QString local = s.local() + "/alias.bin";
         QVERIFY(writePatternFile(local, 1000, 3));
         // Host, port, user and secret all come from the alias.
-        Run run = runVesk({"upload", local, "vesk://box/appA/in"}, 60000, s.environment());
+        Run run = runVesk({"upload", local, "vesk://box/appA/in/"}, 60000, s.environment());
         QVERIFY2(run.code == 0, qPrintable(run.err));
         QVERIFY2(run.err.contains(
                      QString("to vesk://alice@127.0.0.1:%1/appA/in/alias.bin").arg(server.port())),

@@ -3,6 +3,7 @@
 #include "LogFile.h"
 #include "Verify.h"
 #include "Wire.h"
+#include "base/Protocol.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -31,7 +32,6 @@ namespace VESK {
 
 namespace {
 // The message that carries a chunk of a listing: {"PATH":"file"|"dir",...}.
-constexpr int kListContentMessage = 9;
 } // namespace
 
 VeskBase::VeskBase(QObject* parent)
@@ -255,7 +255,7 @@ void VeskBase::setListEntryLimit(qint64 limit) {
 }
 
 bool VeskBase::send(int messageNumber, const QString& text) {
-    if (messageNumber == kListContentMessage && m_listEntryLimit > 0) {
+    if (messageNumber == protocol::kListContent && m_listEntryLimit > 0) {
         m_listEntriesSent += listingEntries(text);
         if (m_listEntriesSent > m_listEntryLimit) {
             log("error", QStringLiteral("listing stopped: it has more than %1 entries, the most "

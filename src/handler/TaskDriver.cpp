@@ -1,4 +1,5 @@
 #include "VeskHandler2_0_0.h"
+#include "base/Protocol.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -6,7 +7,6 @@
 namespace VESK {
 
 // Message numbers of the control conversation.
-enum Message { TaskParam = 5, TaskParamAck = 6 };
 
 bool VeskHandler2_0_0::process() {
     const QString endPoint = getParam("endPoint", "");
@@ -51,7 +51,7 @@ bool VeskHandler2_0_0::request() {
 
 bool VeskHandler2_0_0::respond() {
     QString text;
-    if (!recv(TaskParam, text)) {
+    if (!recv(protocol::kTaskParam, text)) {
         log("error", QString("%1: recv TaskParam failed.").arg("respond"));
         return false;
     }
@@ -115,14 +115,14 @@ void VeskHandler2_0_0::logParamDump(const QString& function, const QStringList& 
 }
 
 bool VeskHandler2_0_0::sendTaskParam(const QString& function, const ParamMap& map) {
-    if (sendMap(TaskParam, map))
+    if (sendMap(protocol::kTaskParam, map))
         return true;
     log("error", QString("%1: send TaskParam failed.").arg(function));
     return false;
 }
 
 bool VeskHandler2_0_0::recvTaskParamAck(const QString& function, ParamMap& ack) {
-    if (recvMap(TaskParamAck, ack))
+    if (recvMap(protocol::kTaskParamAck, ack))
         return true;
     log("error", QString("%1: recv TaskParamAck failed.").arg(function));
     return false;
@@ -137,7 +137,7 @@ bool VeskHandler2_0_0::ackAccepted(const QString& function, const ParamMap& ack)
 }
 
 bool VeskHandler2_0_0::sendTaskParamAck(const QString& function, const ParamMap& ack) {
-    if (sendMap(TaskParamAck, ack))
+    if (sendMap(protocol::kTaskParamAck, ack))
         return true;
     log("error", QString("%1: send TaskParamAck failed.").arg(function));
     return false;

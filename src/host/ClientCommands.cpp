@@ -1,48 +1,32 @@
 #include "ClientCommands.h"
 
+#include "Batch.h"
 #include "ClientConfig.h"
-#include "ClientCredentials.h"
+#include "ClientSession.h"
 #include "CommandLine.h"
 #include "Console.h"
 #include "ErrorText.h"
-#include "HostHello.h"
-#include "MachineId.h"
-#include "PluginLoader.h"
-#include "Progress.h"
-#include "SignalHandling.h"
-#include "StallWatch.h"
-#include "TaskLog.h"
+#include "TaskOutcome.h"
 #include "Transfer.h"
-#include "Url.h"
-#include "base/Net.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 
-#include <udt/udt.h>
-
-#include <atomic>
-#include <condition_variable>
-#include <csignal>
+#include <algorithm>
 #include <functional>
-#include <mutex>
-#include <thread>
+#include <limits>
+#include <memory>
+
+#include <unistd.h>
 
 namespace VESK {
 namespace host {
 
 namespace {
 
-const char* const kAppVersion = "2.0.0";
 const QStringList kVerifyMethods{"fileattr", "md5", "sha1", "sha256", "xxh3"};
-// How often the progress line is redrawn and interrupts are looked at.
-constexpr int kPollMs = 100;
-// How long after a first Ctrl-C the process stays, so that a second one can still cancel.
-constexpr int kSecondInterruptMs = 2000;
 
 // ---- Options shared by the client commands ----------------------------------------------------
 
@@ -62,7 +46,6 @@ const QCommandLineOption kReplace("replace",
                                   "Start over from the beginning instead of resuming a partial "
                                   "transfer.");
 const QCommandLineOption kQuiet = quietOption();
-const QCommandLineOption kVerbose = verboseOption();
 const QCommandLineOption kDryRun = dryRunOption();
 const QCommandLineOption kStallTimeout(
     "stall-timeout",
@@ -85,45 +68,21 @@ const QCommandLineOption kSecretFile("secret-file",
                                      "(default: $VESK_SECRET_FILE, then ~/.config/vesk/secret); "
                                      "the user is the URL's USER@, else the login name.",
                                      "FILE");
+const QCommandLineOption kRecursive(QStringList{"r", "recursive"},
+                                    "Copy directories with everything in them, empty "
+                                    "directories included.");
+constexpr int kMaxParallel = 8;
+// How long a task that follows a probe of the server waits for the probe's place to be free.
+constexpr int kWaitAfterProbeMs = 5000;
+const QCommandLineOption kParallel(QStringList{"j", "parallel"},
+                                   "Copy up to N files at once, one connection each (default 4, "
+                                   "at most 8).",
+                                   "N", "4");
+// -v: the protocol log on stderr, and with several files a line for each.
+const QCommandLineOption kVerbose(QStringList{"v", "verbose"},
+                                  "Show the protocol log on stderr; with several files, also say "
+                                  "what happened to each.");
 const QCommandLineOption kJson("json", "One JSON object per line: {\"path\":...,\"type\":...}.");
-
-// One task as the user asked for it, before anything is connected.
-struct ClientTask {
-    ClientTask(const QString& commandName, const QString& operation)
-        : command(commandName)
-        , op(operation) {}
-
-    QString command; // the command's name, for messages
-    QString op;      // the handler's "operator"
-    VeskUrl url;
-    ClientCredentials credentials;
-    ParamMap params; // the operation's own parameters
-    QString localPath;
-    QString plugins;
-    bool quiet = false;
-    int stallTimeout = kDefaultStallTimeoutSeconds;
-    qint64 maxRate = 0;    // bytes per second this side sends at most; 0: no cap
-    qint64 askedRate = 0;  // bytes per second the server is asked to send at most; 0: no cap
-    bool counters = false; // upload and download report progress through the two counters
-    bool json = false;
-    bool ignoreExisting = false;
-    bool silent = false; // a listing whose entries are not printed
-};
-
-struct TaskResult {
-    bool ok = false;
-    bool interrupted = false;
-    bool stalled = false;
-    QString lastError;
-    QStringList errors;
-    QStringList infos;
-    qint64 beginOffset = 0;
-    qint64 total = 0;
-    qint64 moved = 0;
-    double seconds = 0.0;
-    // A second Ctrl-C came after the task had already stopped at the first.
-    bool cancelledAfterPause = false;
-};
 
 // Reads the URL (positional argument `urlIndex`) and the options every client command has;
 // -1 to go on, else the exit status.
@@ -181,205 +140,6 @@ int readTransferOptions(const QCommandLineParser& parser, ClientTask& task) {
     return -1;
 }
 
-void printChunk(const QMap<QString, QString>& chunk, bool json) {
-    QString text;
-    for (auto it = chunk.constBegin(); it != chunk.constEnd(); ++it) {
-        if (json)
-            text += QString::fromUtf8(
-                        QJsonDocument(QJsonObject{{"path", it.key()}, {"type", it.value()}})
-                            .toJson(QJsonDocument::Compact)) +
-                    '\n';
-        else
-            text += escapedName(it.key()) + (it.value() == QLatin1String("dir") ? "/" : "") + '\n';
-    }
-    if (!text.isEmpty())
-        writeOut(text);
-}
-
-void configure(VeskBase* handler, const ClientTask& task, int socket, qint64* total,
-               qint64* offset) {
-    handler->setParam("endPoint", "client");
-    handler->setParam("operator", task.op);
-    handler->setParam("clientSocket", QString::number(socket));
-    handler->setParam("appKey", task.url.appKey);
-    handler->setParam("userName", task.credentials.user);
-    handler->setParam("appVersion", kAppVersion);
-    handler->setParam("mac", machineIdentity());
-    for (auto it = task.params.constBegin(); it != task.params.constEnd(); ++it)
-        handler->setParam(it.key(), it.value());
-    if (task.counters) {
-        handler->setParam("total", QString::number(reinterpret_cast<quintptr>(total)));
-        handler->setParam("offset", QString::number(reinterpret_cast<quintptr>(offset)));
-    }
-}
-
-// Connects, greets the server and returns the socket; on failure prints why and returns an
-// invalid socket.
-net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
-    QString error;
-    net::Socket socket(net::connectTo(task.url.host, task.url.port, &error));
-    if (!socket.valid()) {
-        printErr("vesk: " + error);
-        return socket;
-    }
-    if (!net::limitSendRate(socket.get(), task.maxRate)) {
-        printErr(QString("vesk: cannot limit the send rate: %1")
-                     .arg(QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage())));
-        return net::Socket();
-    }
-    QString protocol, version, errorType;
-    splitProtocolKey(handler->getKey(), &protocol, &version);
-    switch (clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error,
-                        task.askedRate)) {
-    case HelloResult::Accepted:
-        return socket;
-    case HelloResult::SecretNeeded:
-        printErr("vesk: the server requires authentication; give --secret-file");
-        break;
-    case HelloResult::ServerUnproven:
-        printErr(
-            QString("vesk: %1 is not the server that shares %2's secret: %3; nothing was sent")
-                .arg(hostPortText(task.url.host, task.url.port), task.credentials.user, error));
-        break;
-    case HelloResult::Refused:
-        printErr("vesk: " + refusalSentence(errorType, task.url, task.op));
-        break;
-    case HelloResult::Failed:
-        printErr(QString("vesk: %1 did not answer as a vesk server (%2)")
-                     .arg(hostPortText(task.url.host, task.url.port), error));
-        break;
-    }
-    return net::Socket();
-}
-
-// Runs process() on a worker thread while this thread draws progress. Ctrl-C pauses the
-// handler and closes the socket, so a transfer blocked in UDT returns at once; a second Ctrl-C
-// turns the pause into a cancel. The task usually stops well before a person can press Ctrl-C
-// again, so after a first Ctrl-C the process stays for kSecondInterruptMs to give the second
-// one its chance (result.cancelledAfterPause). A task that makes no progress for the stall
-// timeout is stopped the way the first Ctrl-C stops it.
-bool processWithProgress(VeskBase* handler, int socket, const ClientTask& task, const qint64* total,
-                         const qint64* offset, TaskResult& result) {
-    std::atomic<int> interrupts{0};
-    std::atomic<int> firstSignal{0};
-    setInterruptReaction([handler, socket, &interrupts, &firstSignal](int signal, int count) {
-        if (count == 1)
-            firstSignal.store(signal);
-        interrupts.store(count);
-        if (count == 1) {
-            handler->pause();
-            // The handler leaves a client's socket open; the host owns it and closes it.
-            UDT::close(socket);
-        } else {
-            handler->cancel();
-        }
-    });
-
-    std::mutex mutex;
-    std::condition_variable finished;
-    bool done = false;
-    bool ok = false;
-    std::atomic<pid_t> workerId{0};
-    std::thread worker([&] {
-        workerId.store(currentThreadId());
-        const bool processed = handler->process();
-        std::lock_guard<std::mutex> lock(mutex);
-        ok = processed;
-        done = true;
-        finished.notify_all();
-    });
-
-    ProgressBar progress(total, offset, task.counters && !task.quiet && stderrIsTerminal());
-    // An upload's bar counts what the server acknowledged, not what was handed to UDT.
-    if (task.op == QLatin1String("upload"))
-        progress.setUnacknowledged([socket] { return unacknowledgedBytes(socket); });
-    progress.setVerifying(task.params.value("bVerify") != QLatin1String("false") &&
-                          task.params.value("bVerify") != QLatin1String("fileattr"));
-    bool drawing = true;
-    QElapsedTimer sinceInterrupt;
-    // Says once that the task is stopping; the task may also have ended before this saw it.
-    auto noticeInterrupt = [&] {
-        if (interrupts.load() == 0 || sinceInterrupt.isValid())
-            return;
-        sinceInterrupt.start();
-        if (drawing)
-            progress.finish();
-        drawing = false;
-        printErr("vesk: interrupted; stopping (Ctrl-C again cancels)");
-    };
-    std::unique_ptr<StallWatch> watch;
-    for (;;) {
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            if (finished.wait_for(lock, std::chrono::milliseconds(kPollMs), [&] { return done; }))
-                break;
-        }
-        if (!watch && workerId.load() != 0)
-            watch = std::make_unique<StallWatch>(socket, workerId.load(), task.stallTimeout);
-        if (watch && !result.stalled && interrupts.load() == 0 && watch->stalled()) {
-            result.stalled = true;
-            handler->pause();
-            UDT::close(socket);
-        }
-        noticeInterrupt();
-        if (drawing)
-            progress.update();
-    }
-    worker.join();
-    noticeInterrupt();
-    if (!ok && interrupts.load() == 1 && firstSignal.load() == SIGINT &&
-        handler->getLastError() == QLatin1String("pause")) {
-        while (interrupts.load() == 1 && sinceInterrupt.elapsed() < kSecondInterruptMs)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        result.cancelledAfterPause = interrupts.load() > 1;
-    }
-    // The old reaction is not running once this returns: it captured locals of this frame.
-    setInterruptReaction(nullptr);
-    if (drawing)
-        progress.finish();
-    result.interrupted = interrupts.load() > 0;
-    return ok;
-}
-
-// Connects and runs the task. Returns -1 when the task ran (its outcome is in `result`), else
-// the exit status of a failure before it could start.
-int runTask(const ClientTask& task, TaskResult& result) {
-    PluginLoader loader(task.plugins);
-    QString error;
-    if (!loader.load(&error)) {
-        printErr("vesk: " + error);
-        return kExitFailed;
-    }
-    PluginLoader::Handler handler = loader.create();
-    // Drained and closed when this returns, once the task is over.
-    net::Socket socket = openConnection(task, handler.get());
-    if (!socket.valid())
-        return kExitFailed;
-
-    qint64 total = 0;
-    qint64 offset = 0;
-    configure(handler.get(), task, socket.get(), &total, &offset);
-    TaskLog log(handler.get());
-    if (task.op == QLatin1String("list") && !task.silent) {
-        const bool json = task.json;
-        QObject::connect(handler.get(), &VeskBase::sigList,
-                         [json](QMap<QString, QString> chunk) { printChunk(chunk, json); });
-    }
-
-    QElapsedTimer clock;
-    clock.start();
-    result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
-    result.seconds = double(clock.elapsed()) / 1000.0;
-    result.lastError = handler->getLastError();
-    result.errors = log.errors();
-    result.infos = log.messages("info");
-    result.beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
-    result.total = total;
-    // What this run moved, from where the server's offer let it start.
-    result.moved = std::max<qint64>(0, offset - result.beginOffset);
-    return -1;
-}
-
 QString interruptedText(const ClientTask& task, const QString& stop) {
     const bool cancelled = stop == QLatin1String("cancel");
     if (task.op == QLatin1String("upload"))
@@ -419,14 +179,6 @@ QString rateText(const TaskResult& r) {
     return text;
 }
 
-bool wasSecondPass(const TaskResult& r) {
-    for (const QString& line : r.infos) {
-        if (line.endsWith(QLatin1String(" second pass.")))
-            return true;
-    }
-    return false;
-}
-
 // The server answers a download of a directory as if it were a file and then gives up before
 // the first byte; the transfer breaks off. A listing of that path tells the two apart.
 bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed) {
@@ -448,9 +200,11 @@ bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed) {
 // Runs the task and reports it: a message on success (unless --quiet), one sentence on failure.
 // `prepare`, when given, runs before each attempt (-1 to go on, else the exit status). A copy
 // that fails its final verification has lost its partial file, so it is run once more from 0.
-int runAndReport(const ClientTask& task, const std::function<QString(const TaskResult&)>& done,
+int runAndReport(const ClientTask& task,
+                 const std::function<QString(Outcome, const TaskResult&)>& done,
                  const std::function<int()>& prepare = nullptr) {
     TaskResult r;
+    Outcome outcome = Outcome::Failed;
     for (int attempt = 1;; ++attempt) {
         if (prepare) {
             if (const int status = prepare(); status >= 0)
@@ -460,7 +214,8 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
         const int early = runTask(task, r);
         if (early >= 0)
             return early;
-        if (r.ok || r.interrupted || r.stalled || !verificationFailed(r.errors))
+        outcome = outcomeOf(task, r);
+        if (outcome != Outcome::VerifyFailed)
             break;
         if (attempt == 2) {
             printErr(QString("vesk: verification failed again: the copy of %1 differs from its "
@@ -473,31 +228,33 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
         printErr("vesk: the copy did not match its source (it changed since the partial "
                  "transfer?); starting again from the beginning");
     }
-    if (!r.ok && r.stalled && !r.interrupted && r.lastError == QLatin1String("pause")) {
+    switch (outcome) {
+    case Outcome::Stalled:
         printErr("vesk: " + stalledText(task));
         return kExitFailed;
-    }
-    if (!r.ok && r.interrupted &&
-        (r.lastError == QLatin1String("pause") || r.lastError == QLatin1String("cancel"))) {
-        QString stop = r.lastError;
-        if (r.cancelledAfterPause) {
-            stop = QStringLiteral("cancel");
-            // The task had already stopped, so its cancel came too late to clean up.
-            if (task.op == QLatin1String("download"))
-                QFile::remove(VeskBase::tmpFilePathFor(task.localPath));
-        }
-        printErr("vesk: " + interruptedText(task, stop));
+    case Outcome::Interrupted:
+    case Outcome::Cancelled:
+        // A cancel that came after the task had already stopped was too late to clean up.
+        if (r.cancelledAfterPause && task.op == QLatin1String("download"))
+            QFile::remove(VeskBase::tmpFilePathFor(task.localPath));
+        printErr("vesk: " +
+                 interruptedText(task, outcome == Outcome::Cancelled ? "cancel" : "pause"));
         return kExitInterrupted;
-    }
-    if (r.ok) {
-        const QString text = done ? done(r) : QString();
+    case Outcome::Done:
+    case Outcome::Identical:
+    case Outcome::KeptExisting: {
+        const QString text = done ? done(outcome, r) : QString();
         if (!task.quiet && !text.isEmpty())
             printErr("vesk: " + text);
         return kExitOk;
     }
+    case Outcome::VerifyFailed:
+    case Outcome::Failed:
+        break;
+    }
     if (task.op == QLatin1String("download") && r.moved == 0 && isDirectoryOnServer(task, r)) {
-        printErr(QString("vesk: %1 is a directory on the server; vesk downloads one file at a "
-                         "time (vesk ls lists the directory)")
+        printErr(QString("vesk: %1 is a directory on the server; download -r copies a "
+                         "directory tree")
                      .arg(task.url.path));
         return kExitFailed;
     }
@@ -508,104 +265,97 @@ int runAndReport(const ClientTask& task, const std::function<QString(const TaskR
 
 const char* const kUrlForm = "vesk://[USER@]HOST:PORT/APPKEY/PATH";
 
-// -n: says what the command would do, as far as it is known without contacting the server (only
-// a task could tell what the server holds), on stdout, and what was left unknown on stderr.
-int reportDryRun(const ClientTask& task, const QString& plan, const QString& unknown) {
-    printOut(plan);
+// -n: says on stdout what the command would do and changes nothing. What the other side holds
+// (an identical copy is left alone) only a task could tell, so that stays open, and stderr says
+// so.
+int reportDryRun(const ClientTask& task, const QStringList& plan, const QString& unknown) {
+    for (const QString& line : plan)
+        printOut(line);
     if (!task.quiet)
-        printErr("vesk: dry run: nothing was changed; the server was not contacted, so " + unknown +
-                 " is not known");
+        printErr(QString("vesk: dry run: nothing was changed; %1 is not known").arg(unknown));
     return kExitOk;
 }
 
-} // namespace
+// The plan of a dry run over many files: directories to create, then the copies.
+QStringList dryRunPlan(const ClientTask& task, const QList<CopyItem>& items) {
+    const bool upload = task.op == QLatin1String("upload");
+    QStringList plan;
+    for (const CopyItem& item : items) {
+        VeskUrl remote = task.url;
+        remote.path = item.remote;
+        if (item.directory)
+            plan << "would create " + (upload ? remote.toString() : item.local) + "/";
+        else if (upload)
+            plan << QString("would upload %1 (%2) to %3")
+                        .arg(item.local, formatBytes(item.size), remote.toString());
+        else
+            plan << QString("would download %1 to %2").arg(remote.toString(), item.local);
+    }
+    return plan;
+}
 
-int runUpload(const QStringList& args) {
-    QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kVerbose,
-                       kDryRun, kStallTimeout, kMaxRate, kSecretFile, congestionOption(),
-                       pluginsOption()});
-    parser.addPositionalArgument("LOCAL_FILE", "The file to upload.");
-    parser.addPositionalArgument("URL_OF_DIR", QString("Where it goes: %1.").arg(kUrlForm));
-    const CommandHelp help{
-        "upload", "LOCAL_FILE URL_OF_DIR",
-        "Uploads LOCAL_FILE into a directory of an application on a vesk server. A file already "
-        "there is replaced when it differs and left alone when it is identical; every copy is "
-        "verified (xxh3 by default). An interrupted upload (Ctrl-C) resumes when the same "
-        "command runs again; a second Ctrl-C cancels.",
-        "  vesk upload ./report.pdf vesk://127.0.0.1:9000/appA/docs"};
-    const int parsed = parseCommand(parser, args, help, 2, 2);
-    if (parsed >= 0)
-        return parsed;
+// Copies `items` over parallel connections, or with -n only says what it would copy.
+int copyAll(const ClientTask& task, const QList<CopyItem>& items, const BatchOptions& batch) {
+    if (task.dryRun)
+        return reportDryRun(task, dryRunPlan(task, items),
+                            task.op == QLatin1String("upload")
+                                ? "which of these the server already holds identical"
+                                : "which of these are already identical here");
+    return runBatch(task, items, batch);
+}
 
-    ClientTask task("upload", "upload");
-    if (const int status = readCommon(parser, 1, task); status >= 0)
-        return status;
-    if (const int status = readTransferOptions(parser, task); status >= 0)
-        return status;
-    if (!parseRate(parser.value(kMaxRate), &task.maxRate))
-        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
-    const QFileInfo local(parser.positionalArguments().at(0));
+// Reads -j and -v (upload and download); -1 to go on, else the exit status.
+int readBatchOptions(const QCommandLineParser& parser, const ClientTask& task,
+                     BatchOptions* batch) {
+    bool ok = false;
+    batch->parallel = parser.value(kParallel).toInt(&ok);
+    if (!ok || batch->parallel < 1 || batch->parallel > kMaxParallel)
+        return usageError(task.command,
+                          QString("--parallel takes a number from 1 to %1").arg(kMaxParallel));
+    batch->verbose = parser.isSet(kVerbose);
+    return -1;
+}
+
+// Uploads one file to the server path `place`. A copy under another name is read through a
+// link of that name, since a file keeps its name on the way.
+int uploadOne(ClientTask task, const QFileInfo& local, const QString& place) {
+    const QString name = place.mid(place.lastIndexOf('/') + 1);
     task.localPath = local.absoluteFilePath();
-    if (!local.exists()) {
-        printErr(QString("vesk: no such local file: %1").arg(local.filePath()));
-        return kExitFailed;
-    }
-    if (!local.isFile()) {
-        printErr(QString("vesk: not a regular file: %1").arg(local.filePath()));
-        return kExitFailed;
-    }
-    task.params.insert("fileName", local.fileName());
+    task.params.insert("fileName", name);
     task.params.insert("srcPath", local.absolutePath());
-    task.params.insert("destPath", task.url.path);
-
-    const QString target = task.url.toString() + '/' + local.fileName();
-    if (parser.isSet(kDryRun))
+    task.params.insert("destPath", place.left(place.lastIndexOf('/')));
+    QTemporaryDir renamed(QDir::temp().filePath("vesk-upload-XXXXXX"));
+    if (name != local.fileName()) {
+        if (!renamed.isValid() || !QFile::link(local.absoluteFilePath(), renamed.filePath(name))) {
+            printErr(
+                QString("vesk: cannot prepare %1 under the name %2").arg(local.filePath(), name));
+            return kExitFailed;
+        }
+        task.params.insert("srcPath", renamed.path());
+    }
+    VeskUrl target = task.url;
+    target.path = place;
+    if (task.dryRun)
         return reportDryRun(
             task,
-            QString("would upload %1 (%2) to %3")
-                .arg(task.localPath, formatBytes(local.size()), target),
+            {QString("would upload %1 (%2) to %3")
+                 .arg(task.localPath, formatBytes(local.size()), target.toString())},
             "whether the server already holds an identical copy (which would be left alone)");
-    return runAndReport(task, [&](const TaskResult& r) {
-        if (wasSecondPass(r) && task.ignoreExisting)
-            return QString("%1 already exists on the server; kept (--ignore-existing)").arg(target);
-        if (wasSecondPass(r))
-            return QString("%1 is already identical on the server; nothing sent").arg(target);
-        return QString("uploaded %1 to %2: %3").arg(local.fileName(), target, rateText(r));
+    return runAndReport(task, [&](Outcome outcome, const TaskResult& r) {
+        if (outcome == Outcome::KeptExisting)
+            return QString("%1 already exists on the server; kept (--ignore-existing)")
+                .arg(target.toString());
+        if (outcome == Outcome::Identical)
+            return QString("%1 is already identical on the server; nothing sent")
+                .arg(target.toString());
+        return QString("uploaded %1 to %2: %3")
+            .arg(local.fileName(), target.toString(), rateText(r));
     });
 }
 
-int runDownload(const QStringList& args) {
-    QCommandLineParser parser;
-    parser.addOptions({kRoot, kVerify, kNoVerify, kIgnoreExisting, kReplace, kQuiet, kVerbose,
-                       kDryRun, kStallTimeout, kAskRate, kSecretFile, congestionOption(),
-                       pluginsOption()});
-    parser.addPositionalArgument("URL_OF_FILE",
-                                 QString("The file on the server: %1.").arg(kUrlForm));
-    parser.addPositionalArgument("LOCAL_DIR", "Where it goes (default: the current directory).",
-                                 "[LOCAL_DIR]");
-    const CommandHelp help{
-        "download", "URL_OF_FILE [LOCAL_DIR]",
-        "Downloads one file of an application from a vesk server. An interrupted download "
-        "(Ctrl-C) resumes when the same command runs again; a second Ctrl-C cancels and removes "
-        "the partial file. An existing local file is replaced when it differs from the server's "
-        "copy and left alone when it is identical; every copy is verified (xxh3 by default).",
-        "  vesk download vesk://127.0.0.1:9000/appA/docs/report.pdf ~/Downloads"};
-    const int parsed = parseCommand(parser, args, help, 1, 2);
-    if (parsed >= 0)
-        return parsed;
-
-    ClientTask task("download", "download");
-    if (const int status = readCommon(parser, 0, task); status >= 0)
-        return status;
-    if (const int status = readTransferOptions(parser, task); status >= 0)
-        return status;
-    if (!parseRate(parser.value(kAskRate), &task.askedRate))
-        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
-    if (task.url.path.isEmpty())
-        return usageError(task.command, QString("%1 names no file").arg(task.url.toString()));
-    const QString localDir =
-        QFileInfo(parser.positionalArguments().value(1, QDir::currentPath())).absoluteFilePath();
+// Downloads the file of task.url into the local directory `localDir`, under its own name;
+// `shown` is the path the sentences name.
+int downloadInto(ClientTask task, const QString& localDir, const QString& shown) {
     task.localPath = QDir(localDir).filePath(task.url.fileName());
     task.params.insert("fileName", task.url.fileName());
     task.params.insert("srcPath", task.url.directory());
@@ -613,61 +363,304 @@ int runDownload(const QStringList& args) {
 
     if (task.ignoreExisting && QFileInfo::exists(task.localPath)) {
         if (!task.quiet)
-            printErr(
-                QString("vesk: %1 already exists; kept (--ignore-existing)").arg(task.localPath));
+            printErr(QString("vesk: %1 already exists; kept (--ignore-existing)").arg(shown));
         return kExitOk;
-    }
-    if (parser.isSet(kDryRun)) {
-        QString plan = QString("would download %1 to %2").arg(task.url.toString(), task.localPath);
-        const QFileInfo partialFile(VeskBase::tmpFilePathFor(task.localPath));
-        if (QFileInfo::exists(task.localPath))
-            plan += " (it exists: it would be compared with the server's copy and replaced only "
-                    "if it differs)";
-        else if (partialFile.exists() && partialFile.size() > 0 && !parser.isSet(kReplace))
-            plan += QString(" (resuming after the %1 already received)")
-                        .arg(formatBytes(partialFile.size()));
-        return reportDryRun(task, plan, "whether the server holds this file");
     }
     // Each attempt holds the lock on the partial file; a failed verification removed the old
     // one, so a second attempt locks the file it starts anew.
     std::unique_ptr<PartialFileLock> lock;
     const QString partial = VeskBase::tmpFilePathFor(task.localPath);
-    const bool replace = parser.isSet(kReplace);
+    const bool replace = task.params.value("bReplace") == QLatin1String("true");
     auto prepare = [&]() -> int {
-        lock.reset();
-        // The handler would create the directory too; the lock needs it first.
-        QDir().mkpath(localDir);
-        lock = std::make_unique<PartialFileLock>(partial);
-        if (lock->state() == PartialFileLock::State::Busy) {
-            printErr(QString("vesk: another transfer of this file is in progress: %1")
-                         .arg(task.localPath));
-            return kExitFailed;
-        }
-        if (lock->state() == PartialFileLock::State::Failed) {
-            printErr(
-                QString("vesk: cannot create the partial file %1: %2").arg(partial, lock->error()));
-            return kExitFailed;
-        }
-        // With --replace the handler starts at offset 0 but appends to the partial file it
-        // finds; the partial file is the client's own, so it is emptied and the download
-        // starts clean.
-        if (replace && !lock->truncate()) {
-            printErr(QString("vesk: cannot empty the partial file %1").arg(partial));
-            return kExitFailed;
-        }
-        return -1;
+        const QString refused = lockPartialFile(lock, localDir, partial, replace, shown);
+        if (refused.isEmpty())
+            return -1;
+        printErr("vesk: " + refused);
+        return kExitFailed;
     };
     return runAndReport(
         task,
-        [&](const TaskResult& r) {
+        [&](Outcome outcome, const TaskResult& r) {
             keepVerifiedValue(task.localPath, task.params.value("bVerify"));
-            if (wasSecondPass(r))
+            if (outcome != Outcome::Done)
                 return QString("%1 is already identical to the server's copy; nothing received")
-                    .arg(task.localPath);
-            return QString("downloaded %1 to %2: %3")
-                .arg(task.url.toString(), task.localPath, rateText(r));
+                    .arg(shown);
+            return QString("downloaded %1 to %2: %3").arg(task.url.toString(), shown, rateText(r));
         },
         prepare);
+}
+
+// Downloads the file of task.url to the local path `place`. A copy under another name is
+// received in a hidden directory beside it (which also keeps its partial file for a resume)
+// and renamed once complete; an existing file of that name is linked in first, so that an
+// identical one is still recognised.
+int downloadOne(const ClientTask& task, const QString& place) {
+    if (task.dryRun) {
+        QString plan = QString("would download %1 to %2").arg(task.url.toString(), place);
+        const QFileInfo partialFile(VeskBase::tmpFilePathFor(place));
+        if (QFileInfo::exists(place))
+            plan += " (it exists: it would be compared with the server's copy and replaced only "
+                    "if it differs)";
+        else if (partialFile.exists() && partialFile.size() > 0 &&
+                 task.params.value("bReplace") != QLatin1String("true"))
+            plan += QString(" (resuming after the %1 already received)")
+                        .arg(formatBytes(partialFile.size()));
+        return reportDryRun(task, {plan}, "whether the server holds this file");
+    }
+    const QFileInfo info(place);
+    const QString localDir = info.absolutePath();
+    if (info.fileName() == task.url.fileName())
+        return downloadInto(task, localDir, place);
+    const QString staging = QDir(localDir).filePath('.' + info.fileName() + ".vesk-dir");
+    const QString staged = QDir(staging).filePath(task.url.fileName());
+    if (!QDir().mkpath(staging)) {
+        printErr(QString("vesk: cannot create the directory %1").arg(staging));
+        return kExitFailed;
+    }
+    if (info.isFile() && !QFileInfo::exists(staged))
+        ::link(QFile::encodeName(place).constData(), QFile::encodeName(staged).constData());
+    const int status = downloadInto(task, staging, place);
+    if (status == kExitOk && QFileInfo::exists(staged) &&
+        ::rename(QFile::encodeName(staged).constData(), QFile::encodeName(place).constData()) !=
+            0) {
+        printErr(QString("vesk: cannot rename %1 to %2").arg(staged, place));
+        return kExitFailed;
+    }
+    // A rename onto the very file it links to (an identical copy) leaves both names.
+    if (status == kExitOk)
+        QFile::remove(staged);
+    // What stays is a partial file for the next run; an unused link goes.
+    if (status != kExitOk && info.isFile() && QFileInfo(staged).isFile())
+        QFile::remove(staged);
+    QDir().rmdir(staging);
+    return status;
+}
+
+} // namespace
+
+int runUpload(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRecursive, kParallel, kVerbose, kRoot, kVerify, kNoVerify, kIgnoreExisting,
+                       kReplace, kQuiet, kDryRun, kStallTimeout, kMaxRate, kSecretFile,
+                       congestionOption(), pluginsOption()});
+    parser.addPositionalArgument("LOCAL", "The files (and with -r directories) to upload.",
+                                 "LOCAL...");
+    parser.addPositionalArgument("URL", QString("Where they go: %1.").arg(kUrlForm));
+    const CommandHelp help{
+        "upload", "LOCAL... URL",
+        "Uploads files, and with -r directory trees, to an application on a vesk server. A URL "
+        "that is a directory there, or ends in \"/\", receives the sources under their own "
+        "names; with one source, any other URL is the new name of the copy. A directory "
+        "written with a trailing \"/\" stands for its contents. A file already there is "
+        "replaced when it differs and left alone when it is identical; every copy is verified "
+        "(xxh3 by default). Several files go over --parallel connections at once. An "
+        "interrupted upload (Ctrl-C) resumes when the same command runs again; a second Ctrl-C "
+        "cancels.",
+        "  vesk upload ./report.pdf vesk://127.0.0.1:9000/appA/docs/\n"
+        "  vesk upload -r -j 8 ./photos vesk://127.0.0.1:9000/appA/backup/"};
+    const int parsed = parseCommand(parser, args, help, 2, std::numeric_limits<int>::max());
+    if (parsed >= 0)
+        return parsed;
+
+    const QStringList positional = parser.positionalArguments();
+    const QString targetText = positional.last();
+    const QStringList sources = positional.mid(0, positional.size() - 1);
+    ClientTask task("upload", "upload");
+    if (const int status = readCommon(parser, positional.size() - 1, task); status >= 0)
+        return status;
+    task.dryRun = parser.isSet(kDryRun);
+    if (const int status = readTransferOptions(parser, task); status >= 0)
+        return status;
+    if (!parseRate(parser.value(kMaxRate), &task.maxRate))
+        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
+    BatchOptions batch;
+    if (const int status = readBatchOptions(parser, task, &batch); status >= 0)
+        return status;
+    const bool recursive = parser.isSet(kRecursive);
+    for (const QString& source : sources) {
+        const QFileInfo local(source);
+        if (!local.exists()) {
+            printErr(QString("vesk: no such local file: %1").arg(local.filePath()));
+            return kExitFailed;
+        }
+        if (local.isDir() && !recursive) {
+            printErr(QString("vesk: %1 is a directory; -r uploads directory trees")
+                         .arg(local.filePath()));
+            return kExitFailed;
+        }
+        if (!local.isFile() && !local.isDir()) {
+            printErr(QString("vesk: not a regular file: %1").arg(local.filePath()));
+            return kExitFailed;
+        }
+    }
+
+    // What the URL names decides where the sources land (see CopyPlan.h).
+    const QString remote = task.url.path;
+    bool targetIsDirectory = remote.isEmpty() || targetText.endsWith('/');
+    if (!targetIsDirectory) {
+        RemoteKind kind = RemoteKind::Missing;
+        if (const int status = probeRemote(task, remote, &kind); status >= 0)
+            return status;
+        if (kind == RemoteKind::File && sources.size() > 1) {
+            printErr(QString("vesk: %1 is a file on the server, not a directory for %2 sources")
+                         .arg(task.url.toString())
+                         .arg(sources.size()));
+            return kExitFailed;
+        }
+        targetIsDirectory = kind == RemoteKind::Directory;
+        // The probe's connection may hold its place on the server a moment longer.
+        task.waitForPlaceMs = kWaitAfterProbeMs;
+    }
+
+    if (sources.size() == 1 && QFileInfo(sources.first()).isFile()) {
+        const QFileInfo local(sources.first());
+        const QString place = placeFor(remote, targetIsDirectory, 1, local.fileName(), false);
+        return uploadOne(task, local, place);
+    }
+
+    QList<CopyItem> items;
+    for (const QString& source : sources) {
+        const QFileInfo local(source);
+        const bool contentsOnly = local.isDir() && source.endsWith('/');
+        const QString place =
+            placeFor(remote, targetIsDirectory, sources.size(), local.fileName(), contentsOnly);
+        if (local.isFile()) {
+            items.append({local.absoluteFilePath(), place, false, local.size()});
+            continue;
+        }
+        if (!place.isEmpty())
+            items.append({local.absoluteFilePath(), place, true, -1});
+        addLocalTree(local.absoluteFilePath(), place, items);
+    }
+    std::stable_sort(items.begin(), items.end(), [](const CopyItem& a, const CopyItem& b) {
+        return a.directory > b.directory;
+    });
+    return copyAll(task, items, batch);
+}
+
+int runDownload(const QStringList& args) {
+    QCommandLineParser parser;
+    parser.addOptions({kRecursive, kParallel, kVerbose, kRoot, kVerify, kNoVerify, kIgnoreExisting,
+                       kReplace, kQuiet, kDryRun, kStallTimeout, kAskRate, kSecretFile,
+                       congestionOption(), pluginsOption()});
+    parser.addPositionalArgument("URL",
+                                 QString("The files (and with -r directories) on the "
+                                         "server: %1.")
+                                     .arg(kUrlForm),
+                                 "URL...");
+    parser.addPositionalArgument("LOCAL", "Where they go (default: the current directory).",
+                                 "[LOCAL]");
+    const CommandHelp help{
+        "download", "URL... [LOCAL]",
+        "Downloads files, and with -r directory trees, of an application from a vesk server. A "
+        "LOCAL that is a directory, or ends in \"/\", receives the sources under their own "
+        "names; with one source, any other LOCAL is the new name of the copy. A URL ending in "
+        "\"/\" stands for the directory's contents. An existing local file is replaced when it "
+        "differs from the server's copy and left alone when it is identical; every copy is "
+        "verified (xxh3 by default). Several files come over --parallel connections at once. An "
+        "interrupted download (Ctrl-C) resumes when the same command runs again; a second "
+        "Ctrl-C cancels and removes the partial file.",
+        "  vesk download vesk://127.0.0.1:9000/appA/docs/report.pdf ~/Downloads\n"
+        "  vesk download -r vesk://127.0.0.1:9000/appA/photos ./photos-copy"};
+    const int parsed = parseCommand(parser, args, help, 1, std::numeric_limits<int>::max());
+    if (parsed >= 0)
+        return parsed;
+
+    QStringList sources = parser.positionalArguments();
+    QString targetText = QStringLiteral(".");
+    bool targetGiven = false;
+    if (sources.size() > 1 && !sources.last().startsWith(QLatin1String("vesk://"))) {
+        targetText = sources.takeLast();
+        targetGiven = true;
+    }
+    ClientTask task("download", "download");
+    if (const int status = readCommon(parser, 0, task); status >= 0)
+        return status;
+    task.dryRun = parser.isSet(kDryRun);
+    if (!parseRate(parser.value(kAskRate), &task.askedRate))
+        return usageError(task.command, "--max-rate takes bytes per second, such as 500K or 20M");
+    if (const int status = readTransferOptions(parser, task); status >= 0)
+        return status;
+    BatchOptions batch;
+    if (const int status = readBatchOptions(parser, task, &batch); status >= 0)
+        return status;
+    QList<VeskUrl> urls;
+    for (const QString& source : sources) {
+        VeskUrl url;
+        QString error;
+        if (!parseUrl(source, url, &error))
+            return usageError(task.command, error);
+        if (url.host != task.url.host || url.port != task.url.port || url.user != task.url.user ||
+            url.appKey != task.url.appKey)
+            return usageError(task.command, "all URLs must name the same server, user and "
+                                            "application");
+        urls.append(url);
+    }
+    const QFileInfo target(targetText);
+    const bool targetIsDirectory = !targetGiven || target.isDir() || targetText.endsWith('/');
+    if (sources.size() > 1 && target.exists() && !target.isDir()) {
+        printErr(QString("vesk: %1 is a file, not a directory for %2 sources")
+                     .arg(targetText)
+                     .arg(sources.size()));
+        return kExitFailed;
+    }
+    const QString targetPath = target.absoluteFilePath();
+
+    // One file, the common case, without asking the server what it is first.
+    if (sources.size() == 1 && !parser.isSet(kRecursive)) {
+        if (task.url.path.isEmpty())
+            return usageError(task.command, QString("%1 names no file").arg(task.url.toString()));
+        return downloadOne(task,
+                           placeFor(targetPath, targetIsDirectory, 1, task.url.fileName(), false));
+    }
+
+    // The probes follow each other, each may find the last one's place still taken.
+    task.waitForPlaceMs = kWaitAfterProbeMs;
+    QList<CopyItem> items;
+    for (int i = 0; i < urls.size(); ++i) {
+        const VeskUrl& url = urls.at(i);
+        RemoteKind kind = RemoteKind::Missing;
+        if (const int status = probeRemote(task, url.path, &kind); status >= 0)
+            return status;
+        if (kind == RemoteKind::Missing) {
+            printErr(
+                QString("vesk: no such file or directory on the server: %1").arg(url.toString()));
+            return kExitFailed;
+        }
+        const bool contentsOnly = kind == RemoteKind::Directory && sources.at(i).endsWith('/');
+        const QString place =
+            placeFor(targetPath, targetIsDirectory, urls.size(), url.fileName(), contentsOnly);
+        if (kind == RemoteKind::File) {
+            if (urls.size() == 1) {
+                task.url = url;
+                return downloadOne(task, place);
+            }
+            items.append({place, url.path, false, -1});
+            continue;
+        }
+        if (!parser.isSet(kRecursive)) {
+            printErr(QString("vesk: %1 is a directory on the server; -r downloads directory trees")
+                         .arg(url.path));
+            return kExitFailed;
+        }
+        QMap<QString, QString> entries;
+        TaskResult listed;
+        if (const int status = listRemote(task, url.path, &entries, &listed); status >= 0)
+            return status;
+        if (!listed.ok) {
+            printErr("vesk: " + clientFailureSentence(
+                                    {"list", url, QString(), listed.lastError, listed.errors}));
+            return kExitFailed;
+        }
+        items.append({place, url.path, true, -1});
+        for (auto it = entries.constBegin(); it != entries.constEnd(); ++it)
+            items.append(
+                {place + it.key(), url.path + it.key(), it.value() == QLatin1String("dir"), -1});
+    }
+    std::stable_sort(items.begin(), items.end(), [](const CopyItem& a, const CopyItem& b) {
+        return a.directory > b.directory;
+    });
+    return copyAll(task, items, batch);
 }
 
 int runList(const QStringList& args) {
@@ -712,9 +705,10 @@ int runMkdir(const QStringList& args) {
         return status;
     task.params.insert("destPath", task.url.path);
     if (parser.isSet(kDryRun))
-        return reportDryRun(task, "would create " + task.url.toString(),
+        return reportDryRun(task, {"would create " + task.url.toString()},
                             "whether the directory exists already");
-    return runAndReport(task, [&](const TaskResult&) { return "created " + task.url.toString(); });
+    return runAndReport(
+        task, [&](Outcome, const TaskResult&) { return "created " + task.url.toString(); });
 }
 
 } // namespace host

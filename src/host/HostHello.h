@@ -21,6 +21,8 @@
 // secret learns nothing of the task. The whole hello must arrive within the hello time limit,
 // however the peer spreads its bytes.
 
+#include "base/Protocol.h"
+
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QMap>
@@ -29,10 +31,10 @@
 namespace VESK {
 namespace host {
 
-constexpr quint32 kHelloMessage = 1;
-constexpr quint32 kHelloAnswerMessage = 2;
-constexpr quint32 kAuthResponseMessage = 3;
-constexpr quint32 kAuthOutcomeMessage = 4;
+constexpr quint32 kHelloMessage = protocol::kHello;
+constexpr quint32 kHelloAnswerMessage = protocol::kHelloAnswer;
+constexpr quint32 kAuthResponseMessage = protocol::kAuthResponse;
+constexpr quint32 kAuthOutcomeMessage = protocol::kAuthOutcome;
 // How long either side waits for the other's part of the hello, all of it; a silent or
 // trickling peer is not worth a thread.
 constexpr int kHelloTimeoutMs = 10000;

@@ -9,6 +9,7 @@
 #include "Transfer.h"
 #include "Url.h"
 #include "base/Net.h"
+#include "base/Protocol.h"
 #include "base/Wire.h"
 
 #include <QElapsedTimer>
@@ -31,7 +32,6 @@ namespace {
 constexpr int kMaxRefusing = 16;
 // The handler's acknowledgement of a task, which the host sends itself when the handler gave up
 // before answering.
-constexpr int kTaskParamAck = 6;
 // How often running tasks are checked for progress.
 constexpr int kStallCheckMs = 250;
 // An upload that received nothing for this long gives its partial file up to another upload of
@@ -41,7 +41,7 @@ constexpr qint64 kIdleHolderMs = 3000;
 
 void sendRefusalAck(int socket, const QString& errorType) {
     const ParamMap ack{{"ackRespond", "false"}, {"errorType", errorType}};
-    wire::sendFrame(socket, kTaskParamAck, VeskBase::serializeParam(ack).toUtf8());
+    wire::sendFrame(socket, protocol::kTaskParamAck, VeskBase::serializeParam(ack).toUtf8());
 }
 
 // The line that says what failed: the operation's own, rather than the transport detail the

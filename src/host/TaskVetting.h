@@ -7,6 +7,7 @@
 
 #include "PartialFiles.h"
 #include "TaskPolicy.h"
+#include "base/Protocol.h"
 #include "base/VeskBase.h"
 
 #include <QByteArray>
@@ -23,7 +24,7 @@ namespace host {
 constexpr int kTaskParamTimeoutMs = 10000;
 constexpr quint32 kMaxTaskParamBytes = 64 * 1024;
 // The message number of a task's parameters.
-constexpr quint32 kTaskParamMessage = 5;
+constexpr quint32 kTaskParamMessage = protocol::kTaskParam;
 
 // Refusal reasons of the checks, sent as the acknowledgement's errorType.
 extern const char* const kReadOnly;

@@ -2,6 +2,7 @@
 
 #include "base/Verify.h"
 
+#include <QDir>
 #include <QFile>
 #include <QRegularExpression>
 
@@ -93,6 +94,20 @@ PartialFileLock::~PartialFileLock() {
 
 bool PartialFileLock::truncate() {
     return m_fd >= 0 && ::ftruncate(m_fd, 0) == 0;
+}
+
+QString lockPartialFile(std::unique_ptr<PartialFileLock>& lock, const QString& localDir,
+                        const QString& partial, bool replace, const QString& shown) {
+    lock.reset();
+    QDir().mkpath(localDir);
+    lock = std::make_unique<PartialFileLock>(partial);
+    if (lock->state() == PartialFileLock::State::Busy)
+        return QString("another transfer of this file is in progress: %1").arg(shown);
+    if (lock->state() == PartialFileLock::State::Failed)
+        return QString("cannot create the partial file %1: %2").arg(partial, lock->error());
+    if (replace && !lock->truncate())
+        return QString("cannot empty the partial file %1").arg(partial);
+    return QString();
 }
 
 } // namespace host

@@ -7,6 +7,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
 namespace VESK {
 namespace host {
 
@@ -67,6 +69,13 @@ private:
     State m_state = State::Failed;
     QString m_error;
 };
+
+// Takes the lock of a download's partial file `partial` in `lock` (creating `localDir` first,
+// which the lock needs) and, with `replace`, empties the file: the handler starts at offset 0
+// but appends to the partial file it finds, and the partial file is the client's own. Returns
+// "" when held, else a sentence naming `shown` or the partial file.
+QString lockPartialFile(std::unique_ptr<PartialFileLock>& lock, const QString& localDir,
+                        const QString& partial, bool replace, const QString& shown);
 
 } // namespace host
 } // namespace VESK

@@ -1,3 +1,4 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 
 #include <QFile>
@@ -8,14 +9,6 @@ namespace VESK {
 namespace {
 
 const char* const kFunction = "downloadRequest";
-
-// Messages of the download that follow the opening exchange.
-enum Message { FileVerifyResult = 7, TaskComplete = 8 };
-
-// Open modes in the stream numbering (in 1, out 2, append 8, truncate 16, binary 32). The stream
-// only looks at the read bit, so both append: a replaced temporary file keeps its old bytes.
-constexpr int kModeReplace = 50;
-constexpr int kModeAppend = 42;
 
 } // namespace
 
@@ -78,9 +71,11 @@ bool VeskHandler2_0_0::downloadRequest() {
 
     // A temporary file left by an earlier attempt is resumed from its length.
     *offset = QFileInfo(tmpPath).size();
-    int mode = kModeAppend;
+    // The stream only looks at the read bit, so both modes append: a replaced temporary file
+    // keeps its old bytes.
+    int mode = protocol::kOpenAppend;
     if (replace) {
-        mode = kModeReplace;
+        mode = protocol::kOpenReplace;
         *offset = 0;
     }
 
@@ -129,8 +124,9 @@ bool VeskHandler2_0_0::downloadRequest() {
 
     map.clear();
     map.insert("fileName", fileName);
-    if (!sendMap(TaskComplete, map)) {
-        log("error", QString("%1: send %2 failed.").arg(function, QString::number(TaskComplete)));
+    if (!sendMap(protocol::kTaskComplete, map)) {
+        log("error",
+            QString("%1: send %2 failed.").arg(function, QString::number(protocol::kTaskComplete)));
         return false;
     }
     return true;
@@ -144,7 +140,7 @@ bool VeskHandler2_0_0::sendVerifyResult(const QString& function, QString& tmpPat
         QFile::remove(tmpPath);
     ParamMap result;
     result.insert("verifyResult", matches ? "true" : "false");
-    if (!sendMap(FileVerifyResult, result)) {
+    if (!sendMap(protocol::kFileVerifyResult, result)) {
         log("error", QString("%1: send FileVerifyResult failed.").arg(function));
         return false;
     }

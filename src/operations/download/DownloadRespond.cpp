@@ -1,3 +1,4 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 
 #include <QFileInfo>
@@ -7,12 +8,6 @@ namespace VESK {
 namespace {
 
 const char* const kFunction = "downloadRespond";
-
-// Messages of the download that follow the opening exchange.
-enum Message { FileVerifyResult = 7, TaskComplete = 8 };
-
-// Read-only binary in the stream numbering (in 1, binary 32): the served file is never changed.
-constexpr int kModeRead = 33;
 
 } // namespace
 
@@ -85,7 +80,8 @@ bool VeskHandler2_0_0::downloadRespond() {
 
     checkStatus();
 
-    if (!bulkTransfer(function, Direction::Send, socket, path, path, kModeRead, offset, size))
+    if (!bulkTransfer(function, Direction::Send, socket, path, path, protocol::kOpenRead, offset,
+                      size))
         return false;
     return recvDownloadEnd(function, verifying);
 }
@@ -93,7 +89,7 @@ bool VeskHandler2_0_0::downloadRespond() {
 bool VeskHandler2_0_0::recvDownloadEnd(const QString& function, bool verifying) {
     ParamMap map;
     if (verifying) {
-        if (!recvMap(FileVerifyResult, map)) {
+        if (!recvMap(protocol::kFileVerifyResult, map)) {
             log("error", QString("%1: recv FileVerifyResult failed.").arg(function));
             return false;
         }
@@ -103,8 +99,9 @@ bool VeskHandler2_0_0::recvDownloadEnd(const QString& function, bool verifying) 
         }
     }
     // TaskComplete only marks the end; what it carries is not needed here.
-    if (!recvMap(TaskComplete, map)) {
-        log("error", QString("%1: recv %2 failed.").arg(function, QString::number(TaskComplete)));
+    if (!recvMap(protocol::kTaskComplete, map)) {
+        log("error",
+            QString("%1: recv %2 failed.").arg(function, QString::number(protocol::kTaskComplete)));
         return false;
     }
     return true;

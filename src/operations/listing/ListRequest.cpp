@@ -1,10 +1,10 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 
 namespace VESK {
 
 namespace {
 // Message number of a listing chunk.
-constexpr int kListContent = 9;
 } // namespace
 
 bool VeskHandler2_0_0::listRequest() {
@@ -30,7 +30,7 @@ bool VeskHandler2_0_0::listRequest() {
     // so no more than one chunk is held here whatever the size of the tree.
     for (;;) {
         ParamMap chunk;
-        if (!recvMap(kListContent, chunk)) {
+        if (!recvMap(protocol::kListContent, chunk)) {
             log("error", QString("%1: recv ListContent failed.").arg(function));
             return false;
         }

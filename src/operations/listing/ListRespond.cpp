@@ -1,3 +1,4 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 
 #include <QDir>
@@ -7,7 +8,6 @@ namespace VESK {
 
 namespace {
 // Message number of a listing chunk.
-constexpr int kListContent = 9;
 // A chunk goes out once its key count, less one, reaches this: the first one at 100 entries
 // beside "bLast", every later one at 101 entries (the key is not put back after a send).
 constexpr int kChunkLimit = 100;
@@ -68,7 +68,7 @@ bool VeskHandler2_0_0::listRespond() {
                 pending.append(full);
             }
             if (chunk.size() - 1 >= kChunkLimit) {
-                if (!sendMap(kListContent, chunk)) {
+                if (!sendMap(protocol::kListContent, chunk)) {
                     log("error", QString("%1: send ListContent failed.").arg(function));
                     return false;
                 }
@@ -79,7 +79,7 @@ bool VeskHandler2_0_0::listRespond() {
     }
 
     chunk.insert("bLast", "true");
-    if (sendMap(kListContent, chunk))
+    if (sendMap(protocol::kListContent, chunk))
         return true;
     log("error", QString("%1: send ListContent failed.").arg(function));
     return false;

@@ -1,3 +1,4 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 #include "operations/upload/UploadTime.h"
 
@@ -9,11 +10,6 @@
 namespace VESK {
 
 namespace {
-
-enum Message { FileVerifyResult = 7, TaskComplete = 8 };
-
-// Opens the source for reading (in | binary).
-constexpr int kReadMode = 33;
 
 struct SizeAndTime {
     qint64 size = 0;
@@ -98,19 +94,21 @@ bool VeskHandler2_0_0::uploadRequest() {
 
     checkStatus();
     // The host's own counter is the offset the transfer advances, so it shows progress live.
-    if (!bulkTransfer(fn, Direction::Send, socket, path, path, kReadMode, *offset, local.size))
+    if (!bulkTransfer(fn, Direction::Send, socket, path, path, protocol::kOpenRead, *offset,
+                      local.size))
         return false;
 
     if (method != "false") {
-        if (!recvMap(FileVerifyResult, ack))
+        if (!recvMap(protocol::kFileVerifyResult, ack))
             return fail(QString("%1: recv FileVerifyResult failed.").arg(fn));
         if (ack.value("verifyResult") != "true")
             return fail(QString("%1: FileVerifyResult error.").arg(fn));
     }
     // The server's closing message says the file is in place; its contents do not matter.
     ParamMap complete;
-    if (!recvMap(TaskComplete, complete))
-        return fail(QString("%1: recv %2 failed.").arg(fn, QString::number(TaskComplete)));
+    if (!recvMap(protocol::kTaskComplete, complete))
+        return fail(
+            QString("%1: recv %2 failed.").arg(fn, QString::number(protocol::kTaskComplete)));
     return true;
 }
 

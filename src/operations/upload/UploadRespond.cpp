@@ -1,3 +1,4 @@
+#include "base/Protocol.h"
 #include "handler/VeskHandler2_0_0.h"
 #include "operations/upload/UploadTime.h"
 
@@ -7,13 +8,6 @@
 namespace VESK {
 
 namespace {
-
-enum Message { FileVerifyResult = 7, TaskComplete = 8 };
-
-// Both open the temporary file for appending; the truncate bit of the replace mode is not looked
-// at, so a replace still writes after whatever an earlier attempt left there.
-constexpr int kResumeMode = 42;  // out | app | binary
-constexpr int kReplaceMode = 50; // out | trunc | binary
 
 // Whether the data has to move, given what the destination already holds. Without a method an
 // existing file is kept unless the client asks to replace it; with one, an identical file is
@@ -81,7 +75,9 @@ bool VeskHandler2_0_0::uploadRespond() {
         return fail(QString("%1: setParam tmpFilePath %2 failed.").arg(fn, tmp));
     // The partial file of an earlier attempt is the resume point, unless the client replaces.
     qint64 offset = QFileInfo(tmp).size();
-    const int openMode = replace ? kReplaceMode : kResumeMode;
+    // Both open the temporary file for appending; the truncate bit of the replace mode is not
+    // looked at, so a replace still writes after whatever an earlier attempt left there.
+    const int openMode = replace ? protocol::kOpenReplace : protocol::kOpenAppend;
     if (replace)
         offset = 0;
     setParam("transferBeginSize", QString::number(offset));
@@ -120,7 +116,7 @@ bool VeskHandler2_0_0::uploadRespond() {
         // A file that does not match is of no use for resuming either.
         if (!same)
             QFile::remove(tmp);
-        if (!sendMap(FileVerifyResult, ack))
+        if (!sendMap(protocol::kFileVerifyResult, ack))
             return fail(QString("%1: send FileVerifyResult failed.").arg(fn));
         if (!same)
             return fail(QString("%1: FileVerify failed.").arg(fn));
@@ -135,8 +131,9 @@ bool VeskHandler2_0_0::uploadRespond() {
         return fail(QString("%1: rename %2 to %3 failed.").arg(fn, tmp, dest));
     UpdateMtime(dest, fn, mtime);
     ack.insert("fileName", fileName);
-    if (!sendMap(TaskComplete, ack))
-        return fail(QString("%1: send %2 failed.").arg(fn, QString::number(TaskComplete)));
+    if (!sendMap(protocol::kTaskComplete, ack))
+        return fail(
+            QString("%1: send %2 failed.").arg(fn, QString::number(protocol::kTaskComplete)));
     return true;
 }
 
