@@ -6,8 +6,6 @@
 
 namespace VESK {
 
-// Message numbers of the control conversation.
-
 bool VeskHandler2_0_0::process() {
     const QString endPoint = getParam("endPoint", "");
     bool result = false;

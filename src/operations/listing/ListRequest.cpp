@@ -3,10 +3,6 @@
 
 namespace VESK {
 
-namespace {
-// Message number of a listing chunk.
-} // namespace
-
 bool VeskHandler2_0_0::listRequest() {
     // Nothing can stop a listing before its request is out; this reading is deliberately unused.
     getStatus();

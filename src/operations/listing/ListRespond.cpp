@@ -7,7 +7,6 @@
 namespace VESK {
 
 namespace {
-// Message number of a listing chunk.
 // A chunk goes out once its key count, less one, reaches this: the first one at 100 entries
 // beside "bLast", every later one at 101 entries (the key is not put back after a send).
 constexpr int kChunkLimit = 100;
