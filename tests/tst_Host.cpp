@@ -1996,7 +1996,9 @@ private slots:
 
     // ---- Habits: short options, dry runs, help, IPv6, server aliases ------------------------
 
-    void helpCommandIsTheCommandsOwnHelp_data() { everyCommandExplainsItselfWithAnExample_data(); }
+    void helpCommandIsTheCommandsOwnHelp_data() {
+        everyCommandExplainsItselfWithAnExample_data();
+    }
     void helpCommandIsTheCommandsOwnHelp() {
         QFETCH(QString, command);
         const Run help = runVesk({"help", command});
