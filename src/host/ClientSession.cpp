@@ -88,7 +88,7 @@ net::Socket tryConnection(const ClientTask& task, VeskBase* handler, QString* bu
         printErr("vesk: " + refusalSentence(errorType, task.url, task.op));
         break;
     case HelloResult::Failed:
-        printErr(QString("vesk: %1:%2 did not answer as a vesk server (%3)")
+        printErr(QString("vesk: %1 did not answer as a vesk server (%2)")
                      .arg(hostPortText(task.url.host, task.url.port), error));
         break;
     }
