@@ -30,6 +30,7 @@
 //                 was refused
 
 #include "base/Net.h"
+#include "base/Protocol.h"
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
@@ -66,12 +67,12 @@ extern char** environ;
 
 namespace {
 
-constexpr quint32 kHello = 1;
-constexpr quint32 kHelloAnswer = 2;
-constexpr quint32 kTaskParam = 5;
-constexpr quint32 kTaskParamAck = 6;
-constexpr quint32 kTaskComplete = 8;
-constexpr quint32 kListContent = 9;
+using VESK::protocol::kHello;
+using VESK::protocol::kHelloAnswer;
+using VESK::protocol::kListContent;
+using VESK::protocol::kTaskComplete;
+using VESK::protocol::kTaskParam;
+using VESK::protocol::kTaskParamAck;
 // Every case must have ended by then: the server's hello limit is 10 s, its stall timeout is
 // set short by the suite.
 constexpr int kCaseBoundMs = 30000;
