@@ -5,13 +5,17 @@
 #include "base/Net.h"
 #include "base/Wire.h"
 
+#include <QDir>
 #include <QFile>
+#include <QSet>
 #include <QTest>
 
 #include <cerrno>
 #include <cstring>
 #include <future>
+#include <netinet/in.h>
 #include <udt/udt.h>
+#include <vector>
 
 using namespace vesktest;
 
@@ -24,23 +28,76 @@ qint64 resentPackets(int socket) {
     return trace.pktRetransTotal;
 }
 
+int threadCount() {
+    return int(QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
 } // namespace
 
 class tst_Net : public QObject {
     Q_OBJECT
 
 private slots:
-    // Each connection binds a UDP socket of its own, which UDT closes a few seconds after the
-    // connection is gone. First in the file, so that no other test's connections are still
-    // being collected while this one counts.
+    // A listener binds a UDP socket of its own, which UDT closes a few seconds after the
+    // listener is gone; client connections share one that lives as long as the process. First
+    // in the file, so that no other test's sockets are still being collected while this one
+    // counts.
     void closedConnectionsReleaseTheirDescriptors() {
         const int before = openDescriptorCount();
+        {
+            UdtPair first = connectedPair();
+            QVERIFY(first.client.valid() && first.server.valid());
+        }
+        // What stays is the shared client socket, one descriptor.
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptorCount() <= before + 1, 20000);
         for (int i = 0; i < 10; ++i) {
             UdtPair pair = connectedPair();
             QVERIFY(pair.client.valid() && pair.server.valid());
         }
-        QVERIFY(openDescriptorCount() > before);
-        QTRY_VERIFY_WITH_TIMEOUT(openDescriptorCount() <= before, 20000);
+        QVERIFY(openDescriptorCount() > before + 1);
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptorCount() <= before + 1, 20000);
+    }
+
+    // Connections to one server leave from one UDP port, so UDT runs one sending and one
+    // receiving thread for all of them instead of a pair per connection.
+    void connectionsShareOnePortAndThreads() {
+        quint16 port = 0;
+        QString error;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
+        QVERIFY2(listener.valid(), qPrintable(error));
+        std::vector<VESK::net::Socket> clients;
+        std::vector<VESK::net::Socket> servers;
+        QSet<quint16> localPorts;
+        int threadsAfterFirst = 0;
+        for (int i = 0; i < 8; ++i) {
+            auto accepting =
+                std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
+            clients.emplace_back(VESK::net::connectTo("127.0.0.1", port, &error));
+            servers.emplace_back(accepting.get());
+            QVERIFY2(clients.back().valid() && servers.back().valid(), qPrintable(error));
+            sockaddr_storage local{};
+            int len = sizeof local;
+            QVERIFY(UDT::getsockname(clients.back().get(), reinterpret_cast<sockaddr*>(&local),
+                                     &len) != UDT::ERROR);
+            localPorts.insert(ntohs(reinterpret_cast<sockaddr_in*>(&local)->sin_port));
+            if (i == 0)
+                threadsAfterFirst = threadCount();
+        }
+        QCOMPARE(localPorts.size(), 1);
+        QCOMPARE(threadCount(), threadsAfterFirst);
+        // And every one of them carries its own conversation.
+        for (size_t i = 0; i < clients.size(); ++i) {
+            const QByteArray body = QByteArray::number(qulonglong(i));
+            QVERIFY(VESK::wire::sendFrame(clients[i].get(), 7, body));
+        }
+        for (size_t i = 0; i < servers.size(); ++i) {
+            VESK::net::setReceiveTimeout(servers[i].get(), 10000);
+            quint32 number = 0;
+            QByteArray body;
+            QVERIFY(VESK::wire::recvFrame(servers[i].get(), number, body));
+            QCOMPARE(number, 7u);
+            QCOMPARE(body, QByteArray::number(qulonglong(i)));
+        }
     }
 
     // A peer that answers the moment it is connected must not have its answer dropped (and sent

@@ -1,6 +1,8 @@
 #include "Net.h"
 
 #include <QByteArray>
+#include <QMap>
+#include <QPair>
 #include <QThread>
 
 #include <udt/udt.h>
@@ -333,19 +335,92 @@ int newSocket(const QString& host, quint16 port, int mss, Address& addr, QString
     return socket.release();
 }
 
+// The UDP port all of this process's connections of one address family and packet size leave
+// from. UDT runs a sending and a receiving thread per UDP socket, and its receiving thread wakes
+// every 100 microseconds even when idle; a socket per connection made a copy of many small files
+// keep hundreds of such threads spinning (closed connections linger until UDT's collector runs)
+// and spend most of its time there. Connections that share a port share one pair: UDT tells
+// them apart by socket id. An unconnected socket bound to our own UDP socket holds the port (and
+// its raised buffers) for the life of the process; 0 when it could not be set up, and then every
+// connection gets a UDP socket of its own as before.
+quint16 sharedClientPort(int family, int mss) {
+    static std::mutex mutex;
+    static QMap<QPair<int, int>, quint16> ports;
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto key = qMakePair(family, mss);
+    const auto found = ports.constFind(key);
+    if (found != ports.constEnd())
+        return *found;
+    quint16 port = 0;
+    Address any;
+    any.storage.ss_family = family;
+    any.length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    Socket anchor(UDT::socket(family, SOCK_STREAM, 0));
+    QString reason;
+    if (anchor.get() != UDT::INVALID_SOCK && applyOptions(anchor.get(), mss) &&
+        bindOwnUdpSocket(anchor.get(), any, reason)) {
+        Address bound;
+        int len = sizeof bound.storage;
+        if (UDT::getsockname(anchor.get(), bound.get(), &len) != UDT::ERROR)
+            port = bound.port();
+    }
+    if (port != 0)
+        anchor.release(); // kept open until UDT::cleanup()
+    else if (anchor.get() == UDT::INVALID_SOCK)
+        anchor.release();
+    ports.insert(key, port);
+    return port;
+}
+
+// Binds a connection's socket to the shared port of its kind, else to a UDP socket of its own.
+bool bindForConnect(int socket, int family, int mss, QString& reason) {
+    Address local;
+    local.storage.ss_family = family;
+    local.length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    const quint16 shared = sharedClientPort(family, mss);
+    if (shared != 0) {
+        local.setPort(shared);
+        if (UDT::bind(socket, local.get(), int(local.length)) != UDT::ERROR)
+            return true;
+        local.setPort(0);
+    }
+    return bindOwnUdpSocket(socket, local, reason);
+}
+
+// A peer whose last packet we have not acknowledged yet can miss our close (seen in about one
+// close in ten on loopback) and would then wait for UDT's keep-alive timeout, tens of seconds.
+// UDT acknowledges on a timer (every 10 ms), so an acknowledgement sent after this wait began
+// covers everything received before it; past a short grace there was nothing left to
+// acknowledge. Waiting for it rather than for the whole grace keeps the close of a small task
+// short (a tree of small files closes a connection per file).
+void awaitAcknowledgement(int socket) {
+    UDT::TRACEINFO before;
+    if (UDT::perfmon(socket, &before, false) == UDT::ERROR)
+        return;
+    // UDT sends an acknowledgement only for data that arrived since its last one (or again, after
+    // a round trip without an answer): as many as packets received means, in a conversation of
+    // small messages, that each was acknowledged and nothing is owed.
+    if (before.pktSentACKTotal >= before.pktRecvTotal)
+        return;
+    for (int waited = 0; waited < kCloseGraceMs; ++waited) {
+        QThread::msleep(1);
+        UDT::TRACEINFO now;
+        if (UDT::perfmon(socket, &now, false) == UDT::ERROR ||
+            now.pktSentACKTotal != before.pktSentACKTotal)
+            return;
+    }
+}
+
 } // namespace
 
 int connectTo(const QString& host, quint16 port, QString* error) {
     Address addr;
-    Socket socket(newSocket(host, port, pathMss(host, port), addr, error));
+    const int mss = pathMss(host, port);
+    Socket socket(newSocket(host, port, mss, addr, error));
     if (!socket.valid())
         return -1;
-    // The wildcard address of the peer's family, any port.
-    Address any;
-    any.storage.ss_family = addr.family();
-    any.length = addr.length;
     QString reason;
-    if (!bindOwnUdpSocket(socket.get(), any, reason) ||
+    if (!bindForConnect(socket.get(), addr.family(), mss, reason) ||
         UDT::connect(socket.get(), addr.get(), addr.length) == UDT::ERROR) {
         if (reason.isEmpty())
             reason = udtError();
@@ -415,11 +490,8 @@ void drainAndClose(int socket, int timeoutMs) {
             break;
         QThread::msleep(5);
     }
-    // A peer whose last packet we have not acknowledged yet can miss our close (seen in about
-    // one close in ten on loopback) and would then wait for UDT's keep-alive timeout, tens of
-    // seconds. A short grace lets the acknowledgement go out first.
     if (UDT::getsockstate(socket) == CONNECTED)
-        QThread::msleep(kCloseGraceMs);
+        awaitAcknowledgement(socket);
     UDT::close(socket);
 }
 
