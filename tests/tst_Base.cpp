@@ -58,6 +58,12 @@ protected:
     bool createDirRespond() override { return false; }
 };
 
+// Puts `probe` on `socket` as the end `endPoint` ("client" or "server").
+void attach(ProbeBase& probe, const QString& endPoint, int socket) {
+    probe.setParam("endPoint", endPoint);
+    probe.setParam(endPoint + "Socket", QString::number(socket));
+}
+
 // A base whose log goes to a file of its own in a temporary directory.
 struct LoggingProbe {
     QTemporaryDir dir;
@@ -228,10 +234,8 @@ private slots:
     void sendAndRecvCarryMapsUnderTheirNumber() {
         UdtPair pair = connectedPair();
         ProbeBase client, server;
-        client.setParam("endPoint", "client");
-        client.setParam("clientSocket", QString::number(pair.client.get()));
-        server.setParam("endPoint", "server");
-        server.setParam("serverSocket", QString::number(pair.server.get()));
+        attach(client, "client", pair.client.get());
+        attach(server, "server", pair.server.get());
         QVERIFY(!client.isActive());
         const QString text = VESK::VeskBase::serializeParam({{"k", QString::fromUtf8("v ✓")}});
         QVERIFY(client.send(6, text));
@@ -302,10 +306,8 @@ private slots:
         using Result = MessageEvent::Result;
         UdtPair pair = connectedPair();
         ProbeBase client, server;
-        client.setParam("endPoint", "client");
-        client.setParam("clientSocket", QString::number(pair.client.get()));
-        server.setParam("endPoint", "server");
-        server.setParam("serverSocket", QString::number(pair.server.get()));
+        attach(client, "client", pair.client.get());
+        attach(server, "server", pair.server.get());
         QVERIFY(client.send(5, "{}"));
         QVERIFY(client.send(9, "{}"));
         QVERIFY(client.send(9, "{}"));
