@@ -58,6 +58,12 @@ protected:
     bool createDirRespond() override { return false; }
 };
 
+// Puts `probe` on `socket` as the end `endPoint` ("client" or "server").
+void attach(ProbeBase& probe, const QString& endPoint, int socket) {
+    probe.setParam("endPoint", endPoint);
+    probe.setParam(endPoint + "Socket", QString::number(socket));
+}
+
 // A base whose log goes to a file of its own in a temporary directory.
 struct LoggingProbe {
     QTemporaryDir dir;
@@ -228,10 +234,8 @@ private slots:
     void sendAndRecvCarryMapsUnderTheirNumber() {
         UdtPair pair = connectedPair();
         ProbeBase client, server;
-        client.setParam("endPoint", "client");
-        client.setParam("clientSocket", QString::number(pair.client.get()));
-        server.setParam("endPoint", "server");
-        server.setParam("serverSocket", QString::number(pair.server.get()));
+        attach(client, "client", pair.client.get());
+        attach(server, "server", pair.server.get());
         QVERIFY(!client.isActive());
         const QString text = VESK::VeskBase::serializeParam({{"k", QString::fromUtf8("v ✓")}});
         QVERIFY(client.send(6, text));
@@ -295,6 +299,55 @@ private slots:
         QVERIFY(!client.send(5, "{}"));
         QCOMPARE(logs.size(), 1);
         QVERIFY(!client.isActive());
+    }
+
+    void messageRecordFollowsEverySendAndRecv() {
+        using VESK::MessageEvent;
+        using Result = MessageEvent::Result;
+        UdtPair pair = connectedPair();
+        ProbeBase client, server;
+        attach(client, "client", pair.client.get());
+        attach(server, "server", pair.server.get());
+        QVERIFY(client.send(5, "{}"));
+        QVERIFY(client.send(9, "{}"));
+        QVERIFY(client.send(9, "{}"));
+        // The two messages with a verdict say whether it was no.
+        QVERIFY(client.send(6, VESK::VeskBase::serializeParam({{"ackRespond", "false"}})));
+        QVERIFY(client.send(7, VESK::VeskBase::serializeParam({{"verifyResult", "true"}})));
+        QString text;
+        QVERIFY(server.recv(5, text));
+        QVERIFY(!server.recv(6, text));
+        server.setReceivedFrame(6, "{\"ackRespond\":\"true\"}");
+        QVERIFY(server.recv(6, text));
+
+        const QVector<MessageEvent> sent = client.messageRecord();
+        QCOMPARE(sent.size(), 4);
+        QCOMPARE(sent.at(1).number, 9);
+        QCOMPARE(sent.at(1).repeats, 2);
+        QVERIFY(sent.at(2).refusal);
+        QVERIFY(!sent.at(3).refusal);
+        for (const MessageEvent& event : sent) {
+            QVERIFY(event.direction == MessageEvent::Direction::Sent);
+            QVERIFY(event.result == Result::Ok);
+        }
+        const QVector<MessageEvent> got = server.messageRecord();
+        QCOMPARE(got.size(), 3);
+        QVERIFY(got.at(0).direction == MessageEvent::Direction::Received);
+        QVERIFY(got.at(0).result == Result::Ok);
+        QCOMPARE(got.at(1).number, 6);
+        QVERIFY(got.at(1).result == Result::Unexpected);
+        QVERIFY(got.at(2).result == Result::Ok && !got.at(2).refusal);
+
+        ProbeBase closed;
+        closed.setParam("endPoint", "client");
+        closed.setParam("clientSocket", "-1");
+        QVERIFY(!closed.send(8, "{}"));
+        QVERIFY(!closed.recv(8, text));
+        const QVector<MessageEvent> broken = closed.messageRecord();
+        QCOMPARE(broken.size(), 2);
+        QVERIFY(broken.at(0).result == Result::Failed);
+        QVERIFY(broken.at(1).direction == MessageEvent::Direction::Received);
+        QVERIFY(broken.at(1).result == Result::Failed);
     }
 
     // ---- Logging ----
@@ -386,6 +439,7 @@ private slots:
         QCOMPARE(logs.at(0).at(1).toString(),
                  QString("listing stopped: it has more than 150 entries, the most this server "
                          "lists"));
+        QVERIFY(server.messageRecord().last().result == VESK::MessageEvent::Result::OverLimit);
         // What went over was not sent: the peer has the first chunk and the other message only.
         quint32 number = 0;
         QByteArray body;

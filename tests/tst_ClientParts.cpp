@@ -1,11 +1,9 @@
 // The client's parts that need no server: reading URLs and option values, where each source of
-// a copy lands, which files a tree holds, what a task's signals say happened, and the lines a
-// copy of many files shows.
+// a copy lands, which files a tree holds, and the lines a copy of many files shows.
 
 #include "host/Batch.h"
 #include "host/CommandLine.h"
 #include "host/CopyPlan.h"
-#include "host/TaskOutcome.h"
 #include "host/Url.h"
 
 #include <QDir>
@@ -139,57 +137,6 @@ private slots:
         QCOMPARE(files, (QStringList{"/up/sub/deeper/.hidden", "/up/top.txt"}));
         QVERIFY(isPartialFileName(".half.bin.vesk-part"));
         QVERIFY(!isPartialFileName("half.bin.vesk-part.txt"));
-    }
-
-    void outcomeComesFromTheTasksSignals_data() {
-        QTest::addColumn<QString>("op");
-        QTest::addColumn<bool>("ok");
-        QTest::addColumn<QString>("lastError");
-        QTest::addColumn<QStringList>("infos");
-        QTest::addColumn<QStringList>("errors");
-        QTest::addColumn<bool>("interrupted");
-        QTest::addColumn<bool>("stalled");
-        QTest::addColumn<bool>("ignoreExisting");
-        QTest::addColumn<int>("outcome");
-        const QStringList none;
-        const QStringList second{"uploadRequest: file /x/a second pass."};
-        QTest::newRow("copied") << "upload" << true << "" << none << none << false << false << false
-                                << int(Outcome::Done);
-        QTest::newRow("identical") << "upload" << true << "" << second << none << false << false
-                                   << false << int(Outcome::Identical);
-        QTest::newRow("kept") << "upload" << true << "" << second << none << false << false << true
-                              << int(Outcome::KeptExisting);
-        QTest::newRow("interrupted") << "download" << false << "pause" << none << none << true
-                                     << false << false << int(Outcome::Interrupted);
-        QTest::newRow("cancelled") << "download" << false << "cancel" << none << none << true
-                                   << false << false << int(Outcome::Cancelled);
-        QTest::newRow("stalled") << "upload" << false << "pause" << none << none << false << true
-                                 << false << int(Outcome::Stalled);
-        QTest::newRow("failed") << "download" << false << "" << none
-                                << QStringList{"downloadRequest: file /x not exist."} << false
-                                << false << false << int(Outcome::Failed);
-    }
-    void outcomeComesFromTheTasksSignals() {
-        QFETCH(QString, op);
-        QFETCH(bool, ok);
-        QFETCH(QString, lastError);
-        QFETCH(QStringList, infos);
-        QFETCH(QStringList, errors);
-        QFETCH(bool, interrupted);
-        QFETCH(bool, stalled);
-        QFETCH(bool, ignoreExisting);
-        QFETCH(int, outcome);
-        ClientTask task(op, op);
-        task.ignoreExisting = ignoreExisting;
-        TaskResult result;
-        result.ok = ok;
-        result.lastError = lastError;
-        result.infos = infos;
-        result.errors = errors;
-        result.interrupted = interrupted;
-        result.stalled = stalled;
-        QCOMPARE(int(outcomeOf(task, result)), outcome);
-        QCOMPARE(succeeded(outcomeOf(task, result)), ok);
     }
 
     void progressLineCountsFilesBytesRateAndTimeLeft() {

@@ -254,22 +254,63 @@ void VeskBase::setListEntryLimit(qint64 limit) {
     m_listEntriesSent = 0;
 }
 
+QString VeskBase::listingStoppedText(qint64 limit) {
+    return QStringLiteral(
+               "listing stopped: it has more than %1 entries, the most this server lists")
+        .arg(limit);
+}
+
+namespace {
+
+// Whether a message whose answer is yes or no says no; the others carry no verdict.
+bool saysNo(int messageNumber, const QString& text) {
+    const char* key = messageNumber == protocol::kTaskParamAck       ? "ackRespond"
+                      : messageNumber == protocol::kFileVerifyResult ? "verifyResult"
+                                                                     : nullptr;
+    return key &&
+           VeskBase::unSerializeParam(text).value(QLatin1String(key)) != QLatin1String("true");
+}
+
+} // namespace
+
+QVector<MessageEvent> VeskBase::messageRecord() const {
+    QMutexLocker lock(&m_recordMutex);
+    return m_record;
+}
+
+void VeskBase::record(MessageEvent::Direction direction, int number, MessageEvent::Result result,
+                      const QString& text) {
+    const bool refusal = result == MessageEvent::Result::Ok && saysNo(number, text);
+    QMutexLocker lock(&m_recordMutex);
+    if (!m_record.isEmpty()) {
+        MessageEvent& last = m_record.last();
+        if (last.direction == direction && last.number == number && last.result == result &&
+            last.refusal == refusal) {
+            ++last.repeats;
+            return;
+        }
+    }
+    m_record.append({direction, number, result, refusal, 1});
+}
+
 bool VeskBase::send(int messageNumber, const QString& text) {
+    using Result = MessageEvent::Result;
     if (messageNumber == protocol::kListContent && m_listEntryLimit > 0) {
         m_listEntriesSent += listingEntries(text);
         if (m_listEntriesSent > m_listEntryLimit) {
-            log("error", QStringLiteral("listing stopped: it has more than %1 entries, the most "
-                                        "this server lists")
-                             .arg(m_listEntryLimit));
+            log("error", listingStoppedText(m_listEntryLimit));
+            record(MessageEvent::Direction::Sent, messageNumber, Result::OverLimit);
             return false;
         }
     }
     QString error;
     if (!wire::sendFrame(socketFromParams(), quint32(messageNumber), text.toUtf8(), &error)) {
         log("error", QStringLiteral("send: message %1: %2").arg(messageNumber).arg(error));
+        record(MessageEvent::Direction::Sent, messageNumber, Result::Failed);
         return false;
     }
     m_active.store(true);
+    record(MessageEvent::Direction::Sent, messageNumber, Result::Ok, text);
     return true;
 }
 
@@ -289,15 +330,18 @@ bool VeskBase::recv(int messageNumber, QString& text) {
         m_receivedBody.clear();
     } else if (!wire::recvFrame(socketFromParams(), number, body, &error)) {
         log("error", QStringLiteral("recv: message %1: %2").arg(messageNumber).arg(error));
+        record(MessageEvent::Direction::Received, messageNumber, MessageEvent::Result::Failed);
         return false;
     }
     m_active.store(true);
     if (number != quint32(messageNumber)) {
         log("error",
             QStringLiteral("recv: expected message %1, got %2").arg(messageNumber).arg(number));
+        record(MessageEvent::Direction::Received, messageNumber, MessageEvent::Result::Unexpected);
         return false;
     }
     text = QString::fromUtf8(body);
+    record(MessageEvent::Direction::Received, messageNumber, MessageEvent::Result::Ok, text);
     return true;
 }
 

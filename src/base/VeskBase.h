@@ -9,12 +9,33 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 #include <atomic>
 
 namespace VESK {
 
 using ParamMap = QMap<QString, QString>;
+
+// One control message of a task as the base sent or received it. Hosts read the record of a
+// task after process() to learn how far its conversation went, instead of reading its log.
+struct MessageEvent {
+    enum class Direction : quint8 { Sent, Received };
+    enum class Result : quint8 {
+        Ok,         // sent, or received as the message asked for
+        Failed,     // the connection failed on the way
+        Unexpected, // another message came than the one asked for
+        OverLimit,  // a listing chunk past the entry limit: not sent
+    };
+    Direction direction = Direction::Sent;
+    int number = 0; // the message asked for (Protocol.h)
+    Result result = Result::Ok;
+    // The message said no: a TaskParamAck that refuses the task, a FileVerifyResult that rejects
+    // the copy.
+    bool refusal = false;
+    // Consecutive events alike are one entry (a listing sends thousands of chunks).
+    int repeats = 1;
+};
 
 class VeskBase : public QObject {
     Q_OBJECT
@@ -46,6 +67,12 @@ public:
 
     // Keys that only the local host may set; a peer's TaskParam naming one of them is refused.
     static const QStringList& hostOnlyKeys();
+
+    // The control messages sent and received since the handler was created, oldest first.
+    QVector<MessageEvent> messageRecord() const;
+
+    // The log line of a listing stopped at `limit` entries, also the reason hosts report.
+    static QString listingStoppedText(qint64 limit);
 
     static QString serializeParam(const QMap<QString, QString>& map);
     static QMap<QString, QString> unSerializeParam(const QString& text);
@@ -101,11 +128,15 @@ protected:
 
 private:
     int socketFromParams();
+    void record(MessageEvent::Direction direction, int number, MessageEvent::Result result,
+                const QString& text = QString());
 
     std::atomic<bool> m_active{false};
     qint64 m_listEntryLimit = 0;
     qint64 m_listEntriesSent = 0;
     QMutex m_logMutex;
+    mutable QMutex m_recordMutex;
+    QVector<MessageEvent> m_record;
     // A frame the host already read (setReceivedFrame); number -1 when there is none.
     int m_receivedNumber = -1;
     QByteArray m_receivedBody;

@@ -60,7 +60,8 @@ ItemResult runOnce(const ClientTask& task, const std::function<QString()>& prepa
         TaskResult r;
         if (runTask(task, r) >= 0)
             return failure("could not start (see above)");
-        item.outcome = outcomeOf(task, r);
+        const TaskOutcome outcome = outcomeOf(task, r);
+        item.outcome = outcome.kind;
         item.moved += r.moved;
         item.size = r.total;
         if (item.outcome == Outcome::VerifyFailed && attempt == 1)
@@ -71,8 +72,7 @@ ItemResult runOnce(const ClientTask& task, const std::function<QString()>& prepa
         else if (item.outcome == Outcome::VerifyFailed)
             item.sentence = "the copy differs from its source; it was removed";
         else if (item.outcome == Outcome::Failed)
-            item.sentence =
-                clientFailureSentence({task.op, task.url, task.localPath, r.lastError, r.errors});
+            item.sentence = clientFailureSentence(task.op, task.url, outcome);
         break;
     }
     return item;

@@ -11,7 +11,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -181,9 +180,11 @@ QString rateText(const TaskResult& r) {
 
 // The server answers a download of a directory as if it were a file and then gives up before
 // the first byte; the transfer breaks off. A listing of that path tells the two apart.
-bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed) {
-    static const QRegularExpression brokeOff("^downloadRequest: recvfile .* failed\\.");
-    if (failed.errors.filter(brokeOff).isEmpty())
+bool isDirectoryOnServer(const ClientTask& download, const TaskResult& failed,
+                         const TaskOutcome& outcome) {
+    const bool brokeOff =
+        outcome.failure == Failure::BrokeOff || outcome.failure == Failure::LocalDiskFull;
+    if (!brokeOff || failed.moved > 0)
         return false;
     ClientTask probe(download.command, "list");
     probe.url = download.url;
@@ -204,7 +205,7 @@ int runAndReport(const ClientTask& task,
                  const std::function<QString(Outcome, const TaskResult&)>& done,
                  const std::function<int()>& prepare = nullptr) {
     TaskResult r;
-    Outcome outcome = Outcome::Failed;
+    TaskOutcome outcome;
     for (int attempt = 1;; ++attempt) {
         if (prepare) {
             if (const int status = prepare(); status >= 0)
@@ -215,7 +216,7 @@ int runAndReport(const ClientTask& task,
         if (early >= 0)
             return early;
         outcome = outcomeOf(task, r);
-        if (outcome != Outcome::VerifyFailed)
+        if (outcome.kind != Outcome::VerifyFailed)
             break;
         if (attempt == 2) {
             printErr(QString("vesk: verification failed again: the copy of %1 differs from its "
@@ -228,7 +229,7 @@ int runAndReport(const ClientTask& task,
         printErr("vesk: the copy did not match its source (it changed since the partial "
                  "transfer?); starting again from the beginning");
     }
-    switch (outcome) {
+    switch (outcome.kind) {
     case Outcome::Stalled:
         printErr("vesk: " + stalledText(task));
         return kExitFailed;
@@ -238,28 +239,28 @@ int runAndReport(const ClientTask& task,
         if (r.cancelledAfterPause && task.op == QLatin1String("download"))
             QFile::remove(VeskBase::tmpFilePathFor(task.localPath));
         printErr("vesk: " +
-                 interruptedText(task, outcome == Outcome::Cancelled ? "cancel" : "pause"));
+                 interruptedText(task, outcome.kind == Outcome::Cancelled ? "cancel" : "pause"));
         return kExitInterrupted;
     case Outcome::Done:
     case Outcome::Identical:
     case Outcome::KeptExisting: {
-        const QString text = done ? done(outcome, r) : QString();
+        const QString text = done ? done(outcome.kind, r) : QString();
         if (!task.quiet && !text.isEmpty())
             printErr("vesk: " + text);
         return kExitOk;
     }
+    case Outcome::TooSlow:
     case Outcome::VerifyFailed:
     case Outcome::Failed:
         break;
     }
-    if (task.op == QLatin1String("download") && r.moved == 0 && isDirectoryOnServer(task, r)) {
+    if (task.op == QLatin1String("download") && isDirectoryOnServer(task, r, outcome)) {
         printErr(QString("vesk: %1 is a directory on the server; download -r copies a "
                          "directory tree")
                      .arg(task.url.path));
         return kExitFailed;
     }
-    printErr("vesk: " +
-             clientFailureSentence({task.op, task.url, task.localPath, r.lastError, r.errors}));
+    printErr("vesk: " + clientFailureSentence(task.op, task.url, outcome));
     return kExitFailed;
 }
 
@@ -648,8 +649,8 @@ int runDownload(const QStringList& args) {
         if (const int status = listRemote(task, url.path, &entries, &listed); status >= 0)
             return status;
         if (!listed.ok) {
-            printErr("vesk: " + clientFailureSentence(
-                                    {"list", url, QString(), listed.lastError, listed.errors}));
+            const ClientTask listing(task.command, "list");
+            printErr("vesk: " + clientFailureSentence("list", url, outcomeOf(listing, listed)));
             return kExitFailed;
         }
         items.append({place, url.path, true, -1});

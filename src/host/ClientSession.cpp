@@ -278,10 +278,12 @@ int runTask(const ClientTask& task, TaskResult& result) {
     result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
     result.seconds = double(clock.elapsed()) / 1000.0;
     result.lastError = handler->getLastError();
+    result.messages = handler->messageRecord();
+    handler->getParams(result.params);
     result.errors = log.errors();
-    result.infos = log.messages("info");
     result.beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
     result.total = total;
+    result.offset = offset;
     // What this run moved, from where the server's offer let it start.
     result.moved = std::max<qint64>(0, offset - result.beginOffset);
     return -1;

@@ -55,15 +55,18 @@ struct ClientTask {
     std::function<void(qint64 total, qint64 offset)> onCounters;
 };
 
+// What the session saw of a task; outcomeOf (TaskOutcome.h) names what it amounts to.
 struct TaskResult {
     bool ok = false;
     bool interrupted = false;
     bool stalled = false;
     QString lastError;
-    QStringList errors;
-    QStringList infos;
+    QVector<MessageEvent> messages; // the control messages the handler sent and received
+    ParamMap params;                // the handler's parameters once it returned
+    QStringList errors;             // its error log, only ever quoted to the user
     qint64 beginOffset = 0;
     qint64 total = 0;
+    qint64 offset = 0; // the progress counter where the task left it
     qint64 moved = 0;
     double seconds = 0.0;
     // A second Ctrl-C came after the task had already stopped at the first.

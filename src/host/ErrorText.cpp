@@ -3,10 +3,6 @@
 #include "HostHello.h"
 #include "TaskVetting.h"
 
-#include <QFileInfo>
-#include <QRegularExpression>
-#include <QStorageInfo>
-
 namespace VESK {
 namespace host {
 
@@ -19,93 +15,70 @@ const char* const kBadTaskParam = "BadTaskParam";
 
 namespace {
 
-// The handler's own failure lines, without its function name: "uploadRequest: file /x not
-// exist." matches "file (.*) not exist\\.".
-QRegularExpressionMatch matchLine(const QStringList& errors, const QString& pattern) {
-    const QRegularExpression re("^\\w+: " + pattern + "$",
-                                QRegularExpression::DotMatchesEverythingOption);
-    // The last matching line is the one closest to the end of the task.
-    for (auto it = errors.crbegin(); it != errors.crend(); ++it) {
-        QRegularExpressionMatch match = re.match(*it);
-        if (match.hasMatch())
-            return match;
-    }
-    return QRegularExpressionMatch();
-}
-
-bool hasLine(const QStringList& errors, const QString& pattern) {
-    return matchLine(errors, pattern).hasMatch();
-}
-
 QString remoteName(const VeskUrl& url) {
     return url.path.isEmpty() ? QStringLiteral("/") : url.path;
 }
 
-// Less free space than this beside a download that broke off: the disk filled up.
-constexpr qint64 kNearlyFullBytes = 1024 * 1024;
-
-bool localDiskFull(const QString& path) {
-    const QStorageInfo storage(QFileInfo(path).absolutePath());
-    return storage.isValid() && storage.bytesAvailable() < kNearlyFullBytes;
+// What the handler said last, for a failure no signal names.
+QString quotedFailure(const TaskOutcome& o) {
+    const QString said = o.quoted.simplified();
+    return said.isEmpty() ? QString("the task failed without an error message")
+                          : QString("the task failed: %1").arg(said);
 }
 
-QString localProblem(const ClientFailure& f) {
-    const QStringList& e = f.errors;
-    QRegularExpressionMatch m;
-    if (f.op == QLatin1String("download") && hasLine(e, "recvfile .* failed\\..*") &&
-        localDiskFull(f.localPath))
+// A failure on the client's own disk, or "".
+QString localProblem(const QString& op, const TaskOutcome& o) {
+    switch (o.failure) {
+    case Failure::LocalDiskFull:
         return QString("the local disk is full: cannot write %1 (the part received stays beside "
                        "it; free some space and run the same command again)")
-            .arg(f.localPath);
-    if ((m = matchLine(e, "file (.*) not exist\\.")).hasMatch())
-        return QString("no such local file: %1").arg(m.captured(1));
-    if (hasLine(e, "calc FileVerifyValue failed\\."))
-        return QString("cannot read %1 to compute its verify value").arg(f.localPath);
-    if ((m = matchLine(e, "mkdir (.*) failed\\.")).hasMatch())
-        return QString("cannot create the local directory %1").arg(m.captured(1));
-    if (hasLine(e, "createStream .* failed\\.") || hasLine(e, "getStream .* failed\\."))
-        return f.op == QLatin1String("upload")
-                   ? QString("cannot open the local file %1").arg(f.localPath)
-                   : QString("cannot write next to %1").arg(f.localPath);
-    if ((m = matchLine(e, "remove tmp file (.*) failed\\.")).hasMatch())
-        return QString("cannot remove the stale partial file %1").arg(m.captured(1));
-    if ((m = matchLine(e, "removeFile (.*) failed\\.")).hasMatch())
-        return QString("cannot replace the existing local file %1").arg(m.captured(1));
-    if ((m = matchLine(e, "rename .* to (.*) failed\\.")).hasMatch())
-        return QString("cannot move the downloaded file into place at %1").arg(m.captured(1));
-    return QString();
+            .arg(o.path);
+    case Failure::LocalFileMissing:
+        return QString("no such local file: %1").arg(o.path);
+    case Failure::LocalUnreadable:
+        return QString("cannot read %1 to compute its verify value").arg(o.path);
+    case Failure::LocalDirectory:
+        return QString("cannot create the local directory %1").arg(o.path);
+    case Failure::LocalOpen:
+        return op == QLatin1String("upload") ? QString("cannot open the local file %1").arg(o.path)
+                                             : QString("cannot write next to %1").arg(o.path);
+    case Failure::StalePartial:
+        return QString("cannot remove the stale partial file %1").arg(o.path);
+    case Failure::LocalReplace:
+        return QString("cannot replace the existing local file %1").arg(o.path);
+    case Failure::LocalPlace:
+        return QString("cannot move the downloaded file into place at %1").arg(o.path);
+    default:
+        return QString();
+    }
 }
 
-QString conversationProblem(const ClientFailure& f) {
-    const QStringList& e = f.errors;
-    if (hasLine(e, "FileVerifyResult error\\.") || hasLine(e, "FileVerify failed\\."))
-        return QString("verification failed: the copy differs from the original and its partial "
-                       "data was removed; run the same command again");
-    if (hasLine(e, "get offset\\[.*\\] fileSize\\[.*\\] failed\\."))
+// A failure of the conversation with the server, or "".
+QString conversationProblem(const VeskUrl& url, const TaskOutcome& o) {
+    switch (o.failure) {
+    case Failure::ImpossibleOffset:
         return QString("the server offered an impossible resume offset; run the command again "
                        "with --replace");
-    if (hasLine(e, "(sendfile|recvfile) .* failed\\..*"))
+    case Failure::BrokeOff:
         // The client cannot tell a network failure from a server that gave up (a full disk
         // ends the transfer the same way), so it promises a resume only for the first.
         return QString("the transfer broke off: the connection failed or the server ended it "
                        "(its log says why, for example a full disk). The part already moved "
                        "stays; once the cause is gone the same command resumes from it");
-    if (hasLine(e, "recv TaskParamAck failed\\."))
+    case Failure::NoAnswer:
         return QString("the server ended the task without an answer (see the server's log)");
-    if (hasLine(e, "recv ListContent failed\\."))
+    case Failure::ListingBrokeOff:
         return QString("the listing broke off: the server ended the task (see the server's log)");
-    if (f.op == QLatin1String("upload") && hasLine(e, "recv (FileVerifyResult|8) failed\\."))
+    case Failure::NotConfirmed:
         // All data was sent; the server ended the task instead of confirming it.
         return QString("the server could not store %1: it received the data but did not "
                        "confirm it (its log says why, for example a full disk)")
-            .arg(remoteName(f.url));
-    if (hasLine(e, "recv (FileVerifyResult|8) failed\\."))
-        return QString("the connection broke before the server confirmed %1; run the same "
-                       "command again")
-            .arg(remoteName(f.url));
-    if (hasLine(e, "send .* failed\\."))
+            .arg(remoteName(url));
+    case Failure::ConnectionBroke:
         return QString("the connection to the server broke; run the same command again");
-    return QString();
+    default:
+        return QString();
+    }
 }
 
 } // namespace
@@ -151,44 +124,50 @@ QString refusalSentence(const QString& errorType, const VeskUrl& url, const QStr
     return QString("server refused: %1").arg(errorType);
 }
 
-QString clientFailureSentence(const ClientFailure& f) {
-    if (hasLine(f.errors, "TaskParam Nak\\."))
-        return refusalSentence(f.lastError, f.url, f.op);
-    QString sentence = localProblem(f);
+QString clientFailureSentence(const QString& op, const VeskUrl& url, const TaskOutcome& o) {
+    if (o.kind == Outcome::VerifyFailed)
+        return QString("verification failed: the copy differs from the original and its partial "
+                       "data was removed; run the same command again");
+    if (o.failure == Failure::Refused)
+        return refusalSentence(o.errorType, url, op);
+    QString sentence = localProblem(op, o);
     if (sentence.isEmpty())
-        sentence = conversationProblem(f);
-    if (!sentence.isEmpty())
-        return sentence;
-    if (!f.errors.isEmpty())
-        return QString("the task failed: %1").arg(f.errors.last().simplified());
-    return QString("the task failed without an error message");
+        sentence = conversationProblem(url, o);
+    return sentence.isEmpty() ? quotedFailure(o) : sentence;
 }
 
-QString preAckRefusal(const QStringList& errors) {
-    // The first failure decides: every line below ends its operation before the handler has
-    // answered, and each of these operations answers only on its way to success.
-    if (errors.isEmpty())
-        return QString();
-    const QString& first = errors.first();
-    static const struct {
-        const char* pattern;
-        const char* errorType;
-    } rules[] = {
-        {"^(upload|download|list|createDir)Respond: get path of app \\[.*\\] failed\\.$",
-         kUnknownApplication},
-        {"^listRespond: dir .* is not exist\\.$", kDirNotExist},
-        {"^createDirRespond: (mkdir|chmodRecursively) .* failed\\.$", kCreateDirFailed},
-        {"^uploadRespond: (setParam tmpFilePath|remove tmp file) .* failed\\.$", kServerFileError},
-        {"^respond: not found operator \\[.*\\]\\.$", kUnknownOperator},
-        {"^respond: TaskParam setParams failed\\.$", kBadTaskParam},
-    };
-    for (const auto& rule : rules) {
-        const QRegularExpression re(QString::fromLatin1(rule.pattern),
-                                    QRegularExpression::DotMatchesEverythingOption);
-        if (re.match(first).hasMatch())
-            return QString::fromLatin1(rule.errorType);
+QString servedFailureReason(const QString& op, const TaskOutcome& o) {
+    if (o.kind == Outcome::VerifyFailed)
+        return QString("verification failed: the copy differs from its source");
+    switch (o.failure) {
+    case Failure::NoTask:
+        return QString("the first message was not a TaskParam");
+    case Failure::ConnectionBroke:
+        return QString("the connection to the client broke");
+    case Failure::LocalFileMissing:
+        return QString("no such file: %1").arg(o.path);
+    case Failure::Refused:
+        return QString("the task was refused");
+    case Failure::ListingLimit:
+        return VeskBase::listingStoppedText(o.size);
+    case Failure::ListingBrokeOff:
+        return QString("the listing broke off: the connection failed");
+    case Failure::LocalOpen:
+        return op == QLatin1String("upload")
+                   ? QString("cannot create or open the partial file %1").arg(o.path)
+                   : QString("cannot open %1").arg(o.path);
+    case Failure::LocalDiskFull:
+        return QString("the disk is full: cannot write %1").arg(o.path);
+    case Failure::BrokeOff:
+        return QString("the transfer broke off at %1 of %2 bytes")
+            .arg(QString::number(o.done), QString::number(o.size));
+    case Failure::LocalPlace:
+        return QString("cannot put the received file in place at %1").arg(o.path);
+    case Failure::NotConfirmed:
+        return QString("the client did not confirm its copy");
+    default:
+        return o.quoted.simplified();
     }
-    return QString();
 }
 
 } // namespace host

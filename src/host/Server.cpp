@@ -44,16 +44,6 @@ void sendRefusalAck(int socket, const QString& errorType) {
     wire::sendFrame(socket, protocol::kTaskParamAck, VeskBase::serializeParam(ack).toUtf8());
 }
 
-// The line that says what failed: the operation's own, rather than the transport detail the
-// base logs just before it ("recv: message 5: ...").
-QString failureReason(const QStringList& errors, const QString& lastError) {
-    for (const QString& line : errors) {
-        if (!line.startsWith(QLatin1String("recv: ")) && !line.startsWith(QLatin1String("send: ")))
-            return line.simplified();
-    }
-    return errors.isEmpty() ? lastError : errors.first().simplified();
-}
-
 // A peer names the operation and the path: in the summary they are kept to one line of bounded
 // length, so that a client can neither forge further summary lines nor flood the output.
 QString summaryField(const QString& text) {
@@ -433,39 +423,54 @@ void Server::runTask(quint64 id, int socket, const QString& peer, const TaskPoli
         slow = m_connections[id].slow;
     }
 
-    QString result = QStringLiteral("success");
     if (ok && handler->getParam("operator", "") == QLatin1String("upload"))
         keepVerifiedValue(handler->getParam("path", ""), handler->getParam("bVerify", "false"));
-    if (!ok) {
-        const QString lastError = handler->getLastError();
-        const QStringList errors = log.errors();
-        const QString refusal = preAckRefusal(errors);
-        if (!refusal.isEmpty()) {
-            // The client still waits for an answer: tell it why instead of just hanging up.
-            sendRefusalAck(socket, refusal);
-            result = "refused: " + refusal;
-        } else if (slow && lastError == QLatin1String("pause")) {
-            result =
-                QString("too slow: under %1 bytes/s over %2 s, paused")
-                    .arg(QString::number(m_config.minRate), QString::number(kMinRateWindowSeconds));
-        } else if (stalled && lastError == QLatin1String("pause")) {
-            result = QString("stalled: no progress for %1 s, paused")
-                         .arg(QString::number(m_config.stallTimeout));
-        } else if (lastError == QLatin1String("pause")) {
-            result = "paused";
-        } else if (lastError == QLatin1String("cancel")) {
-            result = "cancelled";
-        } else {
-            result = "failed: " + failureReason(errors, lastError);
-        }
-    }
+    ServedTask served;
+    served.ok = ok;
+    served.lastError = handler->getLastError();
+    served.messages = handler->messageRecord();
+    served.asked = admission.task.params;
+    handler->getParams(served.params);
+    served.stalled = stalled;
+    served.slow = slow;
+    served.listEntryLimit = m_config.maxListEntries;
+    served.firstError = log.errors().value(0);
+    const TaskOutcome outcome = servedOutcomeOf(served);
+    // The client still waits for an answer: tell it why instead of just hanging up.
+    if (outcome.failure == Failure::Unanswered)
+        sendRefusalAck(socket, outcome.errorType);
     const qint64 bytes = std::max<qint64>(0, paramNumber(handler.get(), "transferEndSize") -
                                                  paramNumber(handler.get(), "transferBeginSize"));
-    printSummary(peer, handler.get(), bytes, clock, result);
+    printSummary(peer, handler.get(), bytes, clock, resultText(outcome, served.params));
     handler.reset();
     // The partial file stays locked until the handler is done with it.
     admission.partialFile.reset();
     net::drainAndClose(socket);
+}
+
+QString Server::resultText(const TaskOutcome& outcome, const ParamMap& params) const {
+    switch (outcome.kind) {
+    case Outcome::Done:
+    case Outcome::Identical:
+    case Outcome::KeptExisting:
+        return QStringLiteral("success");
+    case Outcome::TooSlow:
+        return QString("too slow: under %1 bytes/s over %2 s, paused")
+            .arg(QString::number(m_config.minRate), QString::number(kMinRateWindowSeconds));
+    case Outcome::Stalled:
+        return QString("stalled: no progress for %1 s, paused")
+            .arg(QString::number(m_config.stallTimeout));
+    case Outcome::Interrupted:
+        return QStringLiteral("paused");
+    case Outcome::Cancelled:
+        return QStringLiteral("cancelled");
+    case Outcome::VerifyFailed:
+    case Outcome::Failed:
+        break;
+    }
+    if (outcome.failure == Failure::Unanswered)
+        return "refused: " + outcome.errorType;
+    return "failed: " + servedFailureReason(params.value("operator"), outcome);
 }
 
 void Server::printSummary(const QString& peer, VeskBase* handler, qint64 bytes,

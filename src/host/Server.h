@@ -7,6 +7,7 @@
 #include "Auth.h"
 #include "PluginLoader.h"
 #include "StallWatch.h"
+#include "TaskOutcome.h"
 #include "TaskPolicy.h"
 #include "TaskVetting.h"
 #include "base/Congestion.h"
@@ -123,6 +124,8 @@ private:
     bool endIdleHolder(const QString& partial);
     QString helloRefusal(const QString& protocol, const QString& version) const;
     QString taskPath(VeskBase* handler) const;
+    // The RESULT of a task's summary line; `params` are its handler's.
+    QString resultText(const TaskOutcome& outcome, const ParamMap& params) const;
     // The one line per task on stdout.
     void printSummary(const QString& peer, VeskBase* handler, qint64 bytes,
                       const QElapsedTimer& clock, const QString& result) const;

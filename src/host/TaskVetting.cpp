@@ -67,15 +67,23 @@ QString sizeRefusal(qint64 fileSize, const QString& partial, bool resume,
 
 } // namespace
 
+bool isOperation(const QString& op) {
+    return kOperations.contains(op);
+}
+
+bool claimsHostOnlyKey(const ParamMap& params) {
+    for (const QString& key : VeskBase::hostOnlyKeys()) {
+        if (params.contains(key))
+            return true;
+    }
+    return false;
+}
+
 VettedTask vetTask(const ParamMap& params, const VettingContext& context) {
     VettedTask task;
     task.params = params;
     const QString op = params.value("operator");
-    for (const QString& key : VeskBase::hostOnlyKeys()) {
-        if (params.contains(key))
-            return task;
-    }
-    if (!kOperations.contains(op))
+    if (claimsHostOnlyKey(params) || !isOperation(op))
         return task;
 
     const QString appKey = params.value("appKey");

@@ -57,6 +57,11 @@ struct VettedTask {
     QStringList paths; // what the operation will touch, joined as the handler joins them
 };
 
+// Whether `op` names one of the operations a handler performs.
+bool isOperation(const QString& op);
+// Whether a peer's task sets a key only the host may set (the handler refuses such a task).
+bool claimsHostOnlyKey(const ParamMap& params);
+
 // The checks that need no lock: the connection's rights, reserved names, an upload's size
 // against the limits and the free space. Tasks the handler refuses by itself (an unknown
 // operator, a key only the host may set, an application the server does not have) pass

@@ -4,7 +4,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QRegularExpression>
 
 #include <udt/udt.h>
 
@@ -24,15 +23,6 @@ namespace {
 constexpr int kPacketOverhead = 28 + 16;
 
 } // namespace
-
-bool verificationFailed(const QStringList& errors) {
-    static const QRegularExpression re("^\\w+: (FileVerifyResult error|FileVerify failed)\\.$");
-    for (const QString& line : errors) {
-        if (re.match(line).hasMatch())
-            return true;
-    }
-    return false;
-}
 
 void keepVerifiedValue(const QString& path, const QString& method) {
     if (!path.isEmpty() && !method.isEmpty() && method != QLatin1String("false"))

@@ -21,7 +21,7 @@ namespace host {
 // changed: an identical file costs two verify values (cached, see verify::fileValue), a changed
 // one is sent again. A resumed transfer onto a source that changed since its partial file was
 // written fails that verification; the handler then removes the partial file, and the client
-// runs the transfer once more from 0 (see `verificationFailed`). Keeping files by name
+// runs the transfer once more from 0 (Outcome::VerifyFailed). Keeping files by name
 // (--ignore-existing) needs the method "false" for uploads, since only then does the server
 // skip an existing file without comparing it.
 struct TransferChoice {
@@ -29,10 +29,6 @@ struct TransferChoice {
     bool replace = false;                    // the handler's "bReplace": restart from 0
     bool ignoreExisting = false;             // keep an existing destination by name
 };
-
-// True when the task's errors say the final comparison of the copy with its source failed
-// (the handler has then removed the partial file).
-bool verificationFailed(const QStringList& errors);
 
 // After a transfer that ended well: the verify value kept with `path` (the file just installed
 // or compared, with the handler's method "bVerify") stays valid across the rename and the new
