@@ -243,6 +243,62 @@ private slots:
         QVERIFY2(link.model.bottleneckRate() >= 0.98 * settled,
                  qPrintable(QString("%1 -> %2").arg(settled).arg(link.model.bottleneckRate())));
     }
+
+    // ---- Reporting missing packets again ----------------------------------------------------
+
+    void gapsAreMissingUntilTheyArrive() {
+        VESK::net::LossRepair repair;
+        for (qint64 seq : {0, 1, 2, 5, 6, 9})
+            repair.onPacket(seq, 1'000);
+        QCOMPARE(repair.missing(), 4); // 3, 4, 7, 8
+        repair.onPacket(4, 2'000);
+        repair.onPacket(4, 2'000); // a duplicate changes nothing
+        QCOMPARE(repair.missing(), 3);
+    }
+
+    void reportsRepeatOnlyAfterTheInterval() {
+        VESK::net::LossRepair repair;
+        repair.onPacket(0, 0);
+        repair.onPacket(3, 0); // 1 and 2 missing, reported by UDT at 0
+        const qint64 interval = VESK::net::LossRepair::intervalFor(100'000);
+        QVERIFY(interval > 100'000);
+        QVERIFY(repair.due(interval - 1, interval, 100).empty());
+        QCOMPARE(repair.due(interval, interval, 100), (std::vector<qint64>{1, 2}));
+        // Reported again just now: not due until another interval has passed.
+        QVERIFY(repair.due(interval + 1, interval, 100).empty());
+        repair.onPacket(1, interval + 2);
+        QCOMPARE(repair.due(2 * interval, interval, 100), (std::vector<qint64>{2}));
+    }
+
+    void reportsAreBoundedAndLowestFirst() {
+        VESK::net::LossRepair repair;
+        repair.onPacket(0, 0);
+        repair.onPacket(1'001, 0);
+        QCOMPARE(repair.missing(), 1'000);
+        const std::vector<qint64> first = repair.due(1'000'000, 1, 200);
+        QCOMPARE(int(first.size()), 200);
+        QCOMPARE(first.front(), qint64(1));
+        QCOMPARE(first.back(), qint64(200));
+        QCOMPARE(repair.due(1'000'000, 1, 200).front(), qint64(201));
+    }
+
+    void aHugeGapIsLeftToTheSender() {
+        VESK::net::LossRepair repair;
+        repair.onPacket(0, 0);
+        repair.onPacket(10'000'000, 0);
+        QCOMPARE(repair.missing(), VESK::net::LossRepair::kMaxTracked);
+    }
+
+    void lossReportUsesUdtsEncoding() {
+        // Runs become (first | high bit, last); single packets stay as they are; numbers wrap
+        // at 31 bits.
+        const qint32 base = 0x7FFFFFFE;
+        const std::vector<qint32> report = VESK::net::lossReport({0, 1, 2, 4, 7, 8}, base);
+        const std::vector<qint32> expected = {qint32(0x7FFFFFFEu | 0x80000000u), 0, 2,
+                                              qint32(0x80000005u), 6};
+        QCOMPARE(report, expected);
+        QVERIFY(VESK::net::lossReport({}, 0).empty());
+    }
 };
 
 QTEST_APPLESS_MAIN(tst_Congestion)

@@ -7,7 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <limits>
+#include <new>
 #include <random>
+#include <type_traits>
 
 namespace VESK {
 namespace net {
@@ -283,9 +285,106 @@ double RateModel::windowPackets() const {
     return std::max(gain * bdpPackets() + recovery, double(kMinWindowPackets));
 }
 
+// ---- LossRepair -------------------------------------------------------------------------------
+
+void LossRepair::onPacket(qint64 seq, qint64 nowUs) {
+    if (m_highest < 0) {
+        m_highest = seq;
+        return;
+    }
+    if (seq <= m_highest) {
+        m_missing.erase(seq);
+        return;
+    }
+    for (qint64 s = m_highest + 1; s < seq && int(m_missing.size()) < kMaxTracked; ++s)
+        m_missing.emplace(s, nowUs);
+    m_highest = seq;
+}
+
+std::vector<qint64> LossRepair::due(qint64 nowUs, qint64 intervalUs, int max) {
+    std::vector<qint64> result;
+    for (auto& [seq, reportedUs] : m_missing) {
+        if (int(result.size()) >= max)
+            break;
+        if (nowUs - reportedUs >= intervalUs) {
+            result.push_back(seq);
+            reportedUs = nowUs;
+        }
+    }
+    return result;
+}
+
+qint64 LossRepair::intervalFor(qint64 rttUs) {
+    const qint64 rtt = rttUs > 0 ? rttUs : kAssumedRttUs;
+    return rtt + std::max(rtt / 4, kAckPeriodUs);
+}
+
+std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wireBase) {
+    const auto wire = [wireBase](qint64 seq) { return qint32((wireBase + seq) & 0x7FFFFFFF); };
+    std::vector<qint32> entries;
+    for (size_t i = 0; i < sequences.size();) {
+        size_t last = i;
+        while (last + 1 < sequences.size() && sequences[last + 1] == sequences[last] + 1)
+            ++last;
+        if (last == i) {
+            entries.push_back(wire(sequences[i]));
+        } else {
+            entries.push_back(qint32(quint32(wire(sequences[i])) | 0x80000000u));
+            entries.push_back(wire(sequences[last]));
+        }
+        i = last + 1;
+    }
+    return entries;
+}
+
 // ---- UDT's side -------------------------------------------------------------------------------
 
 namespace {
+
+// A loss report as UDT's own control packet. CCC::sendCustomMsg() sends any packet to the peer,
+// but the library keeps CPacket's constructor and pack() to itself, so the object is laid out
+// here as the installed header declares it (its reference members are pointers in this ABI)
+// and filled as pack() fills a loss report: the control bit and type 3 in the first header
+// word, the loss entries as the payload. UDT converts both to network order when it sends.
+class LossReportPacket {
+public:
+    explicit LossReportPacket(std::vector<qint32>& entries) {
+        Image* image = new (m_storage) Image;
+        image->seqNo = reinterpret_cast<int32_t*>(&image->header[0]);
+        image->msgNo = reinterpret_cast<int32_t*>(&image->header[1]);
+        image->timeStamp = reinterpret_cast<int32_t*>(&image->header[2]);
+        image->id = reinterpret_cast<int32_t*>(&image->header[3]);
+        image->data = reinterpret_cast<char**>(&image->vector[1].iov_base);
+        image->header[0] = 0x80000000u | (quint32(kLossReportType) << 16);
+        image->vector[0].iov_base = image->header;
+        image->vector[0].iov_len = sizeof image->header;
+        image->vector[1].iov_base = entries.data();
+        image->vector[1].iov_len = entries.size() * sizeof(qint32);
+    }
+    LossReportPacket(const LossReportPacket&) = delete;
+    LossReportPacket& operator=(const LossReportPacket&) = delete;
+
+    CPacket& packet() { return *std::launder(reinterpret_cast<CPacket*>(m_storage)); }
+
+private:
+    static constexpr int kLossReportType = 3;
+
+    struct Image {
+        int32_t* seqNo;
+        int32_t* msgNo;
+        int32_t* timeStamp;
+        int32_t* id;
+        char** data;
+        uint32_t header[4]{};
+        iovec vector[2]{};
+        int32_t pad = 0;
+    };
+    static_assert(sizeof(Image) == sizeof(CPacket), "CPacket's layout differs from its header");
+    static_assert(alignof(Image) == alignof(CPacket), "CPacket's layout differs from its header");
+    static_assert(std::is_trivially_destructible<Image>::value, "nothing to destroy");
+
+    alignas(CPacket) unsigned char m_storage[sizeof(Image)];
+};
 
 // UDT calls onPktSent() on its sending thread and everything else on its receiving thread, so
 // the sending side only records how far it got, and the model runs on the receiving thread.
@@ -352,6 +451,29 @@ public:
         apply();
     }
 
+    // The receiving side: UDT calls this for every data packet, on its receiving thread.
+    void onPktReceived(const CPacket* packet) override {
+        const int32_t seq = packet->m_iSeqNo;
+        if (m_wireBase < 0) {
+            m_wireBase = seq;
+            m_lastWire = seq;
+        }
+        m_unwrapped += sequenceDistance(m_lastWire, seq);
+        m_lastWire = seq;
+        const qint64 now = monotonicUs();
+        m_repair.onPacket(m_unwrapped, now);
+        if (m_repair.missing() == 0 || now - m_lastRepairScanUs < kRepairScanUs)
+            return;
+        m_lastRepairScanUs = now;
+        const std::vector<qint64> due =
+            m_repair.due(now, LossRepair::intervalFor(m_iRTT), kMaxReportedPerPacket);
+        if (due.empty())
+            return;
+        std::vector<qint32> entries = lossReport(due, qint32(m_wireBase));
+        LossReportPacket report(entries);
+        sendCustomMsg(report.packet());
+    }
+
 private:
     void catchUpSent() {
         const int32_t highest = m_highestSent.load(std::memory_order_relaxed);
@@ -373,7 +495,16 @@ private:
             setRTO(int(timeout));
     }
 
+    // Missing packets named in one report: well inside the smallest packet's payload.
+    static constexpr int kMaxReportedPerPacket = 200;
+    static constexpr qint64 kRepairScanUs = 5'000;
+
     RateModel m_model;
+    LossRepair m_repair;
+    qint64 m_wireBase = -1; // UDT's number of the first packet received
+    int32_t m_lastWire = 0;
+    qint64 m_unwrapped = 0; // the last packet received, counted from the first
+    qint64 m_lastRepairScanUs = 0;
     std::atomic<int32_t> m_highestSent{-1};
     std::atomic<int32_t> m_firstSent{-1};
     int32_t m_countedSent = -1;

@@ -15,7 +15,9 @@
 #include <QtGlobal>
 
 #include <deque>
+#include <map>
 #include <utility>
+#include <vector>
 
 namespace VESK {
 namespace net {
@@ -123,6 +125,40 @@ private:
     qint64 m_minRttUs = 0;
     qint64 m_minRttStampUs = 0;
 };
+
+// The receiving side's list of packets still missing, so that it can report them again. UDT's
+// receiver reports a gap once, when it sees it; a resend that is lost too then waits for the
+// sender's timeout, which UDT's steady acknowledgements keep putting off until the window is
+// full, and which then sends everything unacknowledged again. At 1 % random loss on a long fast
+// link that happens every few round trips. Sequence numbers here are unwrapped (64-bit, only
+// growing), the caller maps UDT's 31-bit ones.
+class LossRepair {
+public:
+    // More missing packets than this are left to the sender's timeout.
+    static constexpr int kMaxTracked = 1 << 16;
+
+    // A data packet `seq` arrived at `nowUs`. Packets skipped over are missing from now on and
+    // count as reported now (UDT has just reported the gap).
+    void onPacket(qint64 seq, qint64 nowUs);
+
+    // The missing packets last reported at or before `nowUs - intervalUs`, at most `max`, lowest
+    // first; they count as reported at `nowUs`.
+    std::vector<qint64> due(qint64 nowUs, qint64 intervalUs, int max);
+
+    int missing() const { return int(m_missing.size()); }
+
+    // How long to wait after a report before repeating it, for a smoothed round trip: the resend
+    // needs one round trip, and UDT's acknowledgement timer and pacing add to it.
+    static qint64 intervalFor(qint64 rttUs);
+
+private:
+    qint64 m_highest = -1;
+    std::map<qint64, qint64> m_missing; // sequence -> time of its last report
+};
+
+// UDT loss-report entries for ascending unwrapped sequence numbers whose 0 is UDT's `wireBase`:
+// a lone number as it is, a run as its first (high bit set) and its last.
+std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wireBase);
 
 // Installs RateModel into a UDT socket (before connect or listen; accepted sockets inherit it).
 bool useCongestion(int socket, Congestion congestion);
