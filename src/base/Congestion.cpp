@@ -296,21 +296,28 @@ void LossRepair::onPacket(qint64 seq, qint64 nowUs) {
         m_missing.erase(seq);
         return;
     }
-    for (qint64 s = m_highest + 1; s < seq && int(m_missing.size()) < kMaxTracked; ++s)
-        m_missing.emplace(s, nowUs);
+    for (qint64 s = m_highest + 1; s < seq && int(m_missing.size()) < kMaxTracked; ++s) {
+        m_missing.insert(s);
+        m_reports.emplace_back(nowUs, s);
+    }
     m_highest = seq;
 }
 
 std::vector<qint64> LossRepair::due(qint64 nowUs, qint64 intervalUs, int max) {
     std::vector<qint64> result;
-    for (auto& [seq, reportedUs] : m_missing) {
-        if (int(result.size()) >= max)
-            break;
-        if (nowUs - reportedUs >= intervalUs) {
-            result.push_back(seq);
-            reportedUs = nowUs;
-        }
+    while (!m_reports.empty() && int(result.size()) < max &&
+           nowUs - m_reports.front().first >= intervalUs) {
+        const qint64 seq = m_reports.front().second;
+        m_reports.pop_front();
+        if (m_missing.count(seq) == 0)
+            continue;
+        result.push_back(seq);
+        m_reports.emplace_back(nowUs, seq);
     }
+    // Stale entries of packets that arrived are dropped as they come up front.
+    while (!m_reports.empty() && m_missing.count(m_reports.front().second) == 0)
+        m_reports.pop_front();
+    std::sort(result.begin(), result.end());
     return result;
 }
 

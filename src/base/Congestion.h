@@ -15,7 +15,7 @@
 #include <QtGlobal>
 
 #include <deque>
-#include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -141,8 +141,8 @@ public:
     // count as reported now (UDT has just reported the gap).
     void onPacket(qint64 seq, qint64 nowUs);
 
-    // The missing packets last reported at or before `nowUs - intervalUs`, at most `max`, lowest
-    // first; they count as reported at `nowUs`.
+    // The missing packets last reported at or before `nowUs - intervalUs`, at most `max` (the
+    // longest waiting), in ascending order; they count as reported at `nowUs`.
     std::vector<qint64> due(qint64 nowUs, qint64 intervalUs, int max);
 
     int missing() const { return int(m_missing.size()); }
@@ -153,7 +153,12 @@ public:
 
 private:
     qint64 m_highest = -1;
-    std::map<qint64, qint64> m_missing; // sequence -> time of its last report
+    std::set<qint64> m_missing;
+    // (time of the last report, sequence), oldest first: reports only ever happen "now", so
+    // appending keeps the order, and a scan stops at the first entry not yet due instead of
+    // walking every missing packet on the receiving thread. Entries of packets that arrived
+    // meanwhile are dropped when they come up.
+    std::deque<std::pair<qint64, qint64>> m_reports;
 };
 
 // UDT loss-report entries for ascending unwrapped sequence numbers whose 0 is UDT's `wireBase`:
