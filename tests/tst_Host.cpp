@@ -33,6 +33,7 @@
 #include <memory>
 #include <netinet/in.h>
 #include <pty.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -288,10 +289,12 @@ private:
 // A `vesk serve` process on 127.0.0.1 with a port of its own choosing.
 class ServeProcess {
 public:
-    ServeProcess(const QString& mount, const QStringList& extra = {})
+    ServeProcess(const QString& mount, const QStringList& extra = {},
+                 const QMap<QString, QString>& environment = {})
         : m_args(QStringList{"serve", "--listen", "127.0.0.1:0", "--mount", mount, "--app",
                              "appA=apps/a", "--app", "appB=apps/b"} +
-                 extra) {}
+                 extra)
+        , m_environment(environment) {}
 
     ~ServeProcess() {
         if (m_process.state() != QProcess::NotRunning) {
@@ -302,7 +305,7 @@ public:
 
     // Starts the server and reads the port from its first line.
     bool start() {
-        startVesk(m_process, m_args);
+        startVesk(m_process, m_args, m_environment);
         const QString first = waitForLine(QRegularExpression("^vesk: listening on "), 10000);
         const QRegularExpressionMatch m =
             QRegularExpression("^vesk: listening on 127\\.0\\.0\\.1:(\\d+)$").match(first);
@@ -353,6 +356,7 @@ public:
 
 private:
     QStringList m_args;
+    QMap<QString, QString> m_environment;
     QProcess m_process;
     quint16 m_port = 0;
     QStringList m_lines;
@@ -1886,20 +1890,89 @@ private slots:
         QCOMPARE(server.stop(), 0);
     }
 
-    void anonymousServerOnlyOnLoopbackUnlessAskedFor() {
+    void serverElsewhereThanLoopbackAdmitsOnlyItsOwnUser() {
         Scratch s;
-        // A documentation address (RFC 5737): the check comes before any socket is opened.
+        const QString config = s.dir.path() + "/config";
+        const QString secretPath = config + "/vesk/secret";
+        const QMap<QString, QString> environment{{"XDG_CONFIG_HOME", config},
+                                                 {"VESK_SECRET_FILE", ""}};
+        // A documentation address (RFC 5737): who may connect is settled before any socket is
+        // opened, and the runs here fail only because they cannot bind it.
         const QStringList args{"serve",   "--listen", "192.0.2.1:0", "--mount",
                                s.mount(), "--app",    "appA=apps/a"};
-        const Run refused = runVesk(args);
-        QCOMPARE(refused.code, 2);
-        QVERIFY2(refused.err.contains("without --secrets would let anyone"),
-                 qPrintable(refused.err));
-        // With --anonymous it goes on, warns, and here fails only because it cannot bind.
-        const Run warned = runVesk(args + QStringList{"--anonymous"});
+        const passwd* self = ::getpwuid(::geteuid());
+        QVERIFY(self);
+        const QString admitted = QString("vesk: only %1 may connect, proving the secret in %2")
+                                     .arg(QString::fromLocal8Bit(self->pw_name), secretPath);
+        const Run first = runVesk(args, 60000, environment);
+        QVERIFY2(first.err.contains(secretPath + " (made now)"), qPrintable(first.err));
+        QVERIFY2(!first.err.contains("anonymous"), qPrintable(first.err));
+        QVERIFY2(first.err.contains(admitted), qPrintable(first.err));
+        // The new secret is private from the start, and so is the directory made for it.
+        const QFileInfo secret(secretPath);
+        QVERIFY(secret.isFile());
+        QCOMPARE(int(secret.permissions() & 0x0FFF & ~0x0600), 0); // no group or other bits
+        QCOMPARE(int(QFileInfo(config + "/vesk").permissions() & 0x00FF), 0);
+        QFile file(secretPath);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray text = file.readAll();
+        file.close();
+        QVERIFY2(QRegularExpression("^[0-9a-f]{64}\n$").match(QString::fromLatin1(text)).hasMatch(),
+                 text.constData());
+        // A second start keeps it.
+        const Run second = runVesk(args, 60000, environment);
+        QVERIFY2(second.err.contains("proving the secret in " + secretPath + ";"),
+                 qPrintable(second.err));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), text);
+        file.close();
+        // One that others may read is no secret.
+        QVERIFY(file.setPermissions(kOwnerOnly | QFileDevice::ReadGroup));
+        const Run exposed = runVesk(args, 60000, environment);
+        QCOMPARE(exposed.code, 2);
+        QVERIFY2(exposed.err.contains("is readable by its group or others"),
+                 qPrintable(exposed.err));
+        // Anyone at all only when asked for, with a warning.
+        const Run warned = runVesk(args + QStringList{"--anonymous"}, 60000, environment);
         QVERIFY2(warned.err.contains("vesk: warning: serving anonymously on 192.0.2.1"),
                  qPrintable(warned.err));
-        QVERIFY(!warned.err.contains("without --secrets would let anyone"));
+        QVERIFY(!warned.err.contains("may connect"));
+        const Run both =
+            runVesk(args + QStringList{"--anonymous", "--owner-only"}, 60000, environment);
+        QCOMPARE(both.code, 2);
+        QVERIFY2(both.err.contains("exclude each other"), qPrintable(both.err));
+    }
+
+    void ownerOnlyServerAdmitsTheClientOfItsUserAlone() {
+        Scratch s;
+        const QString config = s.dir.path() + "/config";
+        const QMap<QString, QString> environment{{"XDG_CONFIG_HOME", config},
+                                                 {"VESK_SECRET_FILE", ""}};
+        ServeProcess server(s.mount(), {"--owner-only"}, environment);
+        QVERIFY(server.start());
+        // The same user's client finds the secret where the server made it.
+        const QString source = s.local() + "/notes.txt";
+        QVERIFY(writeFileWithMode(source, "for my own eyes\n", kOwnerOnly));
+        const Run own = runVesk({"upload", source, server.url("appA/")}, 60000, environment);
+        QVERIFY2(own.code == 0, qPrintable(own.err));
+        QFile copy(s.appA() + "/notes.txt");
+        QVERIFY(copy.open(QIODevice::ReadOnly));
+        QCOMPARE(copy.readAll(), QByteArray("for my own eyes\n"));
+        // Without the secret a client is asked for one, and never reaches the files.
+        const QString elsewhere = s.dir.path() + "/elsewhere";
+        QVERIFY(QDir().mkpath(elsewhere));
+        const Run stranger = runVesk({"ls", server.url("appA")}, 60000,
+                                     {{"XDG_CONFIG_HOME", elsewhere}, {"VESK_SECRET_FILE", ""}});
+        QVERIFY(stranger.code != 0);
+        QVERIFY2(stranger.err.contains("the server requires authentication"),
+                 qPrintable(stranger.err));
+        QVERIFY(!stranger.out.contains("notes.txt"));
+        // Nor does another user name with the owner's secret.
+        const Run other =
+            runVesk({"ls", userUrl("mallory", server.port(), "appA")}, 60000, environment);
+        QVERIFY(other.code != 0);
+        QVERIFY2(other.err.contains("authentication failed"), qPrintable(other.err));
+        QCOMPARE(server.stop(), 0);
     }
 
     void addressWithTooManyFailuresIsRefusedForAMinute() {

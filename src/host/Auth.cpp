@@ -1,5 +1,6 @@
 #include "Auth.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QtEndian>
@@ -9,7 +10,9 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace VESK {
 namespace host {
@@ -70,14 +73,50 @@ QByteArray helloProof(ProofRole role, const QByteArray& secret, const QByteArray
     return hmacSha256(secret, message);
 }
 
-QString readSecretsFile(const QString& path, QMap<QString, QByteArray>* secrets) {
+namespace {
+
+// "" when `path` is a regular file that only its owner may read, else the problem; `what` names
+// the file in the sentence.
+QString privateFileProblem(const QString& path, const QString& what) {
     struct stat info;
     if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISREG(info.st_mode))
-        return QString("cannot read the secrets file %1").arg(path);
+        return QString("cannot read the %1 %2").arg(what, path);
     if (info.st_mode & (S_IRGRP | S_IROTH))
-        return QString("the secrets file %1 is readable by its group or others; make it "
-                       "private first (chmod 600 %1)")
-            .arg(path);
+        return QString("the %1 %2 is readable by its group or others; make it private first "
+                       "(chmod 600 %2)")
+            .arg(what, path);
+    return QString();
+}
+
+// Writes a new random secret into `path`, which must not exist yet; the file is private from the
+// moment it exists. "" on success, else the problem.
+QString createSecretFile(const QString& path, QByteArray* secret) {
+    const QString dir = QFileInfo(path).absolutePath();
+    if (!QFileInfo(dir).isDir() &&
+        (!QDir().mkpath(dir) || ::chmod(QFile::encodeName(dir).constData(), 0700) != 0))
+        return QString("cannot create the directory %1 for the secret file").arg(dir);
+    const QByteArray bytes = randomBytes(kNonceBytes);
+    if (bytes.isEmpty())
+        return QString("the operating system gave no random bytes for a new secret");
+    const QByteArray text = bytes.toHex() + '\n';
+    const int fd =
+        ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0)
+        return QString("cannot create the secret file %1").arg(path);
+    const bool written = ::write(fd, text.constData(), size_t(text.size())) == text.size();
+    if (::close(fd) != 0 || !written) {
+        ::unlink(QFile::encodeName(path).constData());
+        return QString("cannot write the secret file %1").arg(path);
+    }
+    *secret = bytes.toHex();
+    return QString();
+}
+
+} // namespace
+
+QString readSecretsFile(const QString& path, QMap<QString, QByteArray>* secrets) {
+    if (const QString problem = privateFileProblem(path, "secrets file"); !problem.isEmpty())
+        return problem;
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return QString("cannot read the secrets file %1").arg(path);
@@ -104,6 +143,15 @@ QString readSecretFile(const QString& path, QByteArray* secret) {
     if (secret->isEmpty())
         return QString("the secret file %1 holds no secret on its first line").arg(path);
     return QString();
+}
+
+QString ownSecret(const QString& path, QByteArray* secret, bool* created) {
+    *created = !QFileInfo::exists(path);
+    if (*created)
+        return createSecretFile(path, secret);
+    if (const QString problem = privateFileProblem(path, "secret file"); !problem.isEmpty())
+        return problem;
+    return readSecretFile(path, secret);
 }
 
 // ---- FailureLimiter ---------------------------------------------------------------------------

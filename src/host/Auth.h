@@ -40,6 +40,12 @@ QString readSecretsFile(const QString& path, QMap<QString, QByteArray>* secrets)
 // Reads a client's secret: the first line of the file. "" on success, else the problem.
 QString readSecretFile(const QString& path, QByteArray* secret);
 
+// The secret of a server that admits only the user running it: the first line of `path`, which
+// must be private to its owner as a secrets file must. A missing file is created with a new
+// random secret (readable by its owner only, in a directory of the owner's only when it has to
+// make that too) and `created` is set. "" on success, else the problem.
+QString ownSecret(const QString& path, QByteArray* secret, bool* created);
+
 // Remembers failed authentications per address: an address with kMaxFailures within a minute is
 // refused for the next minute. Thread-safe.
 class FailureLimiter {

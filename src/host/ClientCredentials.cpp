@@ -11,15 +11,11 @@
 namespace VESK {
 namespace host {
 
-namespace {
-
 QString localUserName() {
     if (const passwd* pw = ::getpwuid(::geteuid()))
         return QString::fromLocal8Bit(pw->pw_name);
     return qEnvironmentVariable("USER");
 }
-
-} // namespace
 
 QString defaultSecretFile() {
     return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + "/vesk/secret";

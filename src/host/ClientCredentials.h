@@ -11,6 +11,9 @@
 namespace VESK {
 namespace host {
 
+// The name of the user this process runs as.
+QString localUserName();
+
 // The per-user secret file: $XDG_CONFIG_HOME/vesk/secret, by default ~/.config/vesk/secret.
 QString defaultSecretFile();
 

@@ -2,6 +2,7 @@
 
 #include "Access.h"
 #include "Auth.h"
+#include "ClientCredentials.h"
 #include "CommandLine.h"
 #include "Console.h"
 #include "PluginLoader.h"
@@ -27,7 +28,7 @@ const QStringList kSettings{
     "listen",        "mount",           "file-mode",     "dir-mode",         "log",
     "plugins",       "max-connections", "max-rate",      "stall-timeout",    "secrets",
     "anonymous",     "max-per-address", "hello-timeout", "max-list-entries", "min-rate",
-    "max-file-size", "min-free",        "partial-ttl",   "congestion"};
+    "max-file-size", "min-free",        "partial-ttl",   "congestion",       "owner-only"};
 // Settings that name a file or directory: relative ones are taken from the config file's place.
 const QStringList kPathSettings{"mount", "log", "plugins", "secrets"};
 
@@ -112,8 +113,32 @@ bool isLoopbackHost(const QString& host) {
            host == QLatin1String("::1");
 }
 
-// Who may connect: the secrets file, the access lines, or an anonymous server, which only a
-// loopback address gets without asking. "" on success, else the problem.
+// A yes-or-no setting: "true" or "false" (absent: false). False on anything else.
+bool readSwitch(const RawOptions& raw, const QString& key, bool* on) {
+    const QString text = raw.values.value(key, "false");
+    *on = text == QLatin1String("true");
+    return *on || text == QLatin1String("false");
+}
+
+// Admits only the user running the server, who proves the per-user secret a client finds by
+// itself (made now when missing), to every application. "" on success, else the problem.
+QString admitOwnerOnly(ServeConfig& config) {
+    const QString path = defaultSecretFile();
+    QByteArray secret;
+    const QString problem = ownSecret(path, &secret, &config.ownerSecretCreated);
+    if (!problem.isEmpty())
+        return problem;
+    const QString user = localUserName();
+    config.authenticate = true;
+    config.secrets.insert(user, secret);
+    for (const AppEntry& app : config.apps)
+        config.access[app.key].insert(user, true);
+    config.ownerSecretFile = path;
+    return QString();
+}
+
+// Who may connect: the users of a secrets file with their access lines; anyone (on loopback
+// unless asked for); or else only the user running the server. "" on success, else the problem.
 QString buildAccess(const RawOptions& raw, ServeConfig& config) {
     const QString secrets = raw.values.value("secrets");
     config.authenticate = !secrets.isEmpty();
@@ -133,14 +158,17 @@ QString buildAccess(const RawOptions& raw, ServeConfig& config) {
     }
     if (!config.authenticate && !config.access.isEmpty())
         return QString("--access needs --secrets: without it every peer is anonymous");
-    const QString anonymous = raw.values.value("anonymous", "false");
-    if (anonymous != QLatin1String("true") && anonymous != QLatin1String("false"))
+    bool anonymous = false;
+    bool ownerOnly = false;
+    if (!readSwitch(raw, "anonymous", &anonymous))
         return QString("anonymous takes true or false");
-    if (!config.authenticate && !isLoopbackHost(config.host) && anonymous != QLatin1String("true"))
-        return QString("listening on %1 without --secrets would let anyone who reaches it read "
-                       "and write every application; give --secrets FILE, or --anonymous if "
-                       "that is really meant")
-            .arg(config.host);
+    if (!readSwitch(raw, "owner-only", &ownerOnly))
+        return QString("owner-only takes true or false");
+    if (int(config.authenticate) + int(anonymous) + int(ownerOnly) > 1)
+        return QString("--secrets, --anonymous and --owner-only exclude each other");
+    // An address others can reach is never open to all unless that is asked for.
+    if (ownerOnly || (!config.authenticate && !anonymous && !isLoopbackHost(config.host)))
+        return admitOwnerOnly(config);
     return QString();
 }
 
@@ -275,7 +303,8 @@ int runServe(const QStringList& args) {
          "SECONDS"},
         {"secrets",
          "Authenticate users with the secrets in FILE (lines USER:SECRET; readable by its owner "
-         "only). Without it the server is anonymous.",
+         "only). Without it the server is anonymous on loopback and admits only its own user "
+         "elsewhere (see --owner-only).",
          "FILE"},
         {"access",
          "Who may use an application when authenticating: rw reads and writes, ro only "
@@ -285,6 +314,10 @@ int runServe(const QStringList& args) {
         {"anonymous",
          "Serve without authentication on an address other than loopback: anyone who reaches "
          "it may read and write every application."},
+        {"owner-only",
+         "Admit only the user running the server, proving the secret in ~/.config/vesk/secret "
+         "(made when missing; a client of that user finds it there). The default on an address "
+         "other than loopback without --secrets or --anonymous."},
         {"max-per-address",
          "Connections from one address at once; one more is refused at the hello (default 8).",
          "N"},
@@ -336,7 +369,7 @@ int runServe(const QStringList& args) {
             return usageError("serve", error);
     }
     for (const QString& key : kSettings) {
-        if (key == QLatin1String("anonymous")) {
+        if (key == QLatin1String("anonymous") || key == QLatin1String("owner-only")) {
             if (parser.isSet(key))
                 raw.values[key] = QStringLiteral("true");
         } else if (parser.isSet(key)) {
@@ -369,7 +402,13 @@ int runServe(const QStringList& args) {
         printErr("vesk: " + loadError);
         return kExitFailed;
     }
-    if (!config.authenticate && !isLoopbackHost(config.host))
+    if (!config.ownerSecretFile.isEmpty())
+        printErr(QString("vesk: only %1 may connect, proving the secret in %2%3; a client of %1 "
+                         "elsewhere needs a copy of that file as its ~/.config/vesk/secret "
+                         "(--secrets FILE admits other users)")
+                     .arg(localUserName(), config.ownerSecretFile,
+                          config.ownerSecretCreated ? QString(" (made now)") : QString()));
+    else if (!config.authenticate && !isLoopbackHost(config.host))
         printErr(QString("vesk: warning: serving anonymously on %1: anyone who reaches it may "
                          "read and write every application")
                      .arg(config.host));

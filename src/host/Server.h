@@ -54,6 +54,8 @@ struct ServeConfig {
     bool authenticate = false;         // users prove a secret in the hello (--secrets)
     QMap<QString, QByteArray> secrets; // user -> secret
     AccessRules access;                // who may use which application when authenticating
+    QString ownerSecretFile;           // admitting only its own user: the secret's file
+    bool ownerSecretCreated = false;   // ... which this start made
     int stallTimeout = kDefaultStallTimeoutSeconds; // seconds without progress; 0: no limit
     qint64 maxRate = 0;               // bytes per second each connection sends at most; 0: no cap
     qint64 minRate = kDefaultMinRate; // bytes per second a task moves at least; 0: no minimum
