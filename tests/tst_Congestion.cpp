@@ -13,7 +13,8 @@ namespace {
 constexpr qint64 kStepUs = 10'000; // acknowledgements arrive every 10 ms
 
 // Drives a model as a link would: every step `perStep` packets leave and as many are
-// acknowledged, with the given round trip.
+// acknowledged, with the given round trip (the newest acknowledged packet left one round trip
+// before its acknowledgement).
 struct Link {
     RateModel model;
     qint64 now = 0;
@@ -26,7 +27,7 @@ struct Link {
         model.onSent(perStep);
         if (lost > 0)
             model.onLoss(now, lost);
-        model.onAck(now, perStep, rttUs);
+        model.onAck(now, perStep, rttUs, now - rttUs);
     }
     void run(qint64 steps, qint64 perStep, qint64 rttUs) {
         for (qint64 i = 0; i < steps; ++i)
@@ -57,7 +58,7 @@ private slots:
         RateModel model;
         QCOMPARE(model.phase(), Phase::Startup);
         QCOMPARE(model.bottleneckRate(), 0.0);
-        QCOMPARE(model.windowPackets(), double(RateModel::kMinWindowPackets));
+        QCOMPARE(model.windowPackets(), double(RateModel::kInitialWindowPackets));
     }
 
     // 500 packets every 10 ms is 50,000 packets a second.

@@ -1,7 +1,11 @@
 #include "Congestion.h"
 
+#include <QLoggingCategory>
+
 #include <udt/ccc.h>
 #include <udt/udt.h>
+
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,6 +19,9 @@ namespace VESK {
 namespace net {
 
 namespace {
+
+// QT_LOGGING_RULES="vesk.congestion.debug=true" traces every decision of a connection's control.
+Q_LOGGING_CATEGORY(lcCongestion, "vesk.congestion", QtWarningMsg)
 
 // Gains of one probing cycle in Cruise, one step per round trip: probe a quarter above the
 // estimate, drain what that queued, then six rounds at the estimate.
@@ -32,6 +39,8 @@ constexpr double kQueueRttFactor = 1.5;
 constexpr qint64 kQueueRttSlackUs = 5'000;
 constexpr double kQueueDrainGain = 0.75;
 constexpr double kHeavyLossBackoff = 0.7;
+// Growth of the estimate within one probing cycle of Cruise that sends the model back to Startup.
+constexpr double kRegrowthFactor = 1.25;
 
 qint64 monotonicUs() {
     using namespace std::chrono;
@@ -102,15 +111,29 @@ void RateModel::onTimeout(qint64 nowUs) {
     m_samples.assign(1, {nowUs, m_bottleneckRate});
     m_startupBestRate = m_bottleneckRate;
     m_startupFlatRounds = 0;
+    m_startupWindow = std::max(bdpPackets(), double(kInitialWindowPackets));
     enter(Phase::Startup, nowUs);
 }
 
-void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs) {
+void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 ackedSentUs,
+                      qint64 smoothedRttUs) {
     if (newlyAcked > 0) {
         m_timeoutsInARow = 0;
         m_delivered += newlyAcked;
-        m_sampleDelivered += newlyAcked;
+        if (m_phase == Phase::Startup)
+            m_startupWindow = std::min(m_startupWindow + double(newlyAcked), startupWindowCap());
+        if (m_sampling) {
+            m_sampleDelivered += newlyAcked;
+        } else {
+            // The first sample starts here: the time before (connection set-up, the peers'
+            // first messages) says nothing of the path's rate.
+            m_sampling = true;
+            m_sampleStartUs = nowUs;
+            m_sampleStartSentUs = ackedSentUs;
+        }
     }
+    if (smoothedRttUs > 0)
+        m_roundLowRttUs = std::min(m_roundLowRttUs, smoothedRttUs);
     if (rttUs > 0) {
         updateMinRtt(nowUs, rttUs);
         m_roundLowRttUs = std::min(m_roundLowRttUs, rttUs);
@@ -119,9 +142,9 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs) {
     }
 
     if (m_delivered >= m_roundEndsAt) {
-        const bool sampled = nowUs - m_sampleStartUs >= kMinSampleUs;
+        const bool sampled = m_sampling && nowUs - m_sampleStartUs >= kMinSampleUs;
         if (sampled)
-            takeRateSample(nowUs);
+            takeRateSample(nowUs, ackedSentUs);
         endRound(nowUs, sampled);
     }
 
@@ -131,6 +154,8 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs) {
         if (nowUs - m_cycleStartUs >= std::max(rtt, kAckPeriodUs)) {
             m_cycleIndex = (m_cycleIndex + 1) % kCycleLength;
             m_cycleStartUs = nowUs;
+            if (m_cycleIndex == 0)
+                m_cycleBaseRate = m_bottleneckRate;
         }
         break;
     case Phase::ProbeRtt:
@@ -156,10 +181,13 @@ void RateModel::updateMinRtt(qint64 nowUs, qint64 rttUs) {
     }
 }
 
-void RateModel::takeRateSample(qint64 nowUs) {
-    const double seconds = double(nowUs - m_sampleStartUs) / 1e6;
-    const double rate = double(m_sampleDelivered) / seconds;
+void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
+    qint64 span = nowUs - m_sampleStartUs;
+    if (ackedSentUs > 0 && m_sampleStartSentUs > 0)
+        span = std::max(span, ackedSentUs - m_sampleStartSentUs);
+    const double rate = double(m_sampleDelivered) * 1e6 / double(span);
     m_sampleStartUs = nowUs;
+    m_sampleStartSentUs = ackedSentUs;
     m_sampleDelivered = 0;
     m_samples.push_back({nowUs, rate});
     // Three probing cycles: samples and cycle phases do not line up, and within three cycles
@@ -175,20 +203,35 @@ void RateModel::takeRateSample(qint64 nowUs) {
 
 void RateModel::endRound(qint64 nowUs, bool sampled) {
     // Many losses in one round: the path is overloaded, whatever the round trip says.
-    const bool heavyLoss =
-        m_roundSent > 0 && m_roundLost > 1 && m_roundLost > kCongestionLossShare * m_roundSent;
+    // Measured against what the round sent, or what is in flight when that is more: a round
+    // whose sending stalled on a full window (what arrived behind a lost packet counts as in
+    // flight until its resend does) sends little while the peer still reports the last round's
+    // random losses.
+    const double exposed = double(std::max(m_roundSent, m_sent - m_delivered));
+    const bool heavyLoss = m_roundLost > 1 && m_roundLost > kCongestionLossShare * exposed;
     if (heavyLoss && m_bottleneckRate > 0.0) {
         m_bottleneckRate *= kHeavyLossBackoff;
         m_samples.assign(1, {nowUs, m_bottleneckRate});
         if (m_phase == Phase::Startup)
             enter(Phase::Drain, nowUs);
     }
-    m_queueGrowing = m_minRttUs > 0 && m_roundLowRttUs != std::numeric_limits<qint64>::max() &&
+    // A queue grows when even the round's shortest trip is well above the minimum. In a round
+    // that lost packets the trips cannot tell: an acknowledgement held back by a hole makes its
+    // newest packet's trip long, and the transport's smoothed round trip may still be on its way
+    // from its assumed start. A queue that overflows shows as heavy loss instead.
+    m_queueGrowing = m_roundLost == 0 && m_minRttUs > 0 &&
+                     m_roundLowRttUs != std::numeric_limits<qint64>::max() &&
                      m_roundLowRttUs > kQueueRttFactor * m_minRttUs + kQueueRttSlackUs;
+    // A round that delivered less than a first window had no more data to send (the peers'
+    // messages before a transfer, or its last packets): it says nothing of the path.
+    const bool appLimited = m_delivered - m_roundStartDelivered < kInitialWindowPackets;
 
     switch (m_phase) {
     case Phase::Startup:
-        if (sampled && m_bottleneckRate > 0.0) {
+        if (m_queueGrowing && m_bottleneckRate > 0.0) {
+            // A queue builds at the bottleneck: the rate is found.
+            enter(Phase::Drain, nowUs);
+        } else if (sampled && m_bottleneckRate > 0.0 && !appLimited) {
             if (m_bottleneckRate >= 1.25 * m_startupBestRate) {
                 m_startupBestRate = m_bottleneckRate;
                 m_startupFlatRounds = 0;
@@ -201,12 +244,26 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
         if (double(m_sent - m_delivered) <= bdpPackets() || m_queueGrowing == false)
             enter(Phase::Cruise, nowUs);
         break;
+    case Phase::Cruise:
+        // An estimate a quarter above where this probing cycle started (a probe into room
+        // another flow left, or a startup that ended early on a lossy path's stalls) means the
+        // path has room the cycle's small probes would take many rounds to fill: look for its
+        // end as at the start.
+        if (sampled && !appLimited && m_cycleBaseRate > 0.0 &&
+            m_bottleneckRate >= kRegrowthFactor * m_cycleBaseRate) {
+            m_startupBestRate = m_bottleneckRate;
+            m_startupFlatRounds = 0;
+            m_startupWindow = windowPackets();
+            enter(Phase::Startup, nowUs);
+        }
+        break;
     default:
         break;
     }
 
     m_roundEndsAt = std::max(m_sent, m_delivered + 1);
     m_roundStartUs = nowUs;
+    m_roundStartDelivered = m_delivered;
     m_roundSent = 0;
     m_roundLost = 0;
     m_roundLowRttUs = std::numeric_limits<qint64>::max();
@@ -216,6 +273,7 @@ void RateModel::enter(Phase phase, qint64 nowUs) {
     m_phase = phase;
     m_phaseStartUs = nowUs;
     m_cycleStartUs = nowUs;
+    m_cycleBaseRate = m_bottleneckRate;
     if (phase == Phase::ProbeRtt)
         m_probeRttLowUs = std::numeric_limits<qint64>::max();
 }
@@ -266,23 +324,51 @@ qint64 RateModel::retransmitTimeoutUs(qint64 smoothedRttUs) const {
     return std::min(timeout, kMaxRetransmitTimeoutUs);
 }
 
-double RateModel::sendPeriodUs() const {
-    if (m_bottleneckRate <= 0.0)
-        return kInitialPeriodUs;
-    return 1e6 / (pacingGain() * std::max(m_bottleneckRate, floorRate()));
+double RateModel::startupWindowRate() const {
+    if (m_phase != Phase::Startup || m_minRttUs <= 0)
+        return 0.0;
+    return m_startupWindow * 1e6 / double(m_minRttUs + kAckPeriodUs);
 }
 
-double RateModel::windowPackets() const {
-    if (m_phase == Phase::ProbeRtt)
-        return kProbeRttWindowPackets;
-    if (m_bottleneckRate <= 0.0)
-        return kMinWindowPackets;
-    const double gain = m_phase == Phase::Cruise ? kCruiseWindowGain : kStartupGain;
+double RateModel::sendPeriodUs() const {
+    // In Startup the window, growing with every acknowledgement, leads: the rate estimate
+    // trails it by a round trip.
+    const double rate = std::max(m_bottleneckRate, startupWindowRate());
+    if (rate <= 0.0)
+        return kInitialPeriodUs;
+    return 1e6 / (pacingGain() * std::max(rate, floorRate()));
+}
+
+double RateModel::boundWindow(double gain) const {
     // UDT acknowledges cumulatively: what arrived after a lost packet counts as in flight until
     // the resend arrives, and when the resend is lost too, until the timeout sends it again.
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
     const double recovery = m_bottleneckRate * double(rtt + baseTimeoutUs(rtt)) / 1e6;
     return std::max(gain * bdpPackets() + recovery, double(kMinWindowPackets));
+}
+
+double RateModel::startupWindowCap() const {
+    // Only an estimate from rounds that had data enough to fill their window bounds it: the few
+    // messages before a transfer measure the peers, not the path.
+    return m_startupBestRate > 0.0 ? boundWindow(kStartupGain)
+                                   : std::numeric_limits<double>::infinity();
+}
+
+double RateModel::windowPackets() const {
+    switch (m_phase) {
+    case Phase::ProbeRtt:
+        return kProbeRttWindowPackets;
+    case Phase::Startup:
+        // What arrives after a lost packet stays in flight until its resend does: with loss, the
+        // bound from the estimate, which leaves room for that, can be the larger.
+        return std::max({m_startupWindow, double(kMinWindowPackets),
+                         m_startupBestRate > 0.0 ? boundWindow(kStartupGain) : 0.0});
+    case Phase::Drain:
+        return m_bottleneckRate > 0.0 ? boundWindow(kStartupGain) : double(kMinWindowPackets);
+    case Phase::Cruise:
+        break;
+    }
+    return m_bottleneckRate > 0.0 ? boundWindow(kCruiseWindowGain) : double(kMinWindowPackets);
 }
 
 // ---- LossRepair -------------------------------------------------------------------------------
@@ -393,21 +479,80 @@ private:
     alignas(CPacket) unsigned char m_storage[sizeof(Image)];
 };
 
+// When each recent data packet left, by sequence number, for rate samples and round trips:
+// written by UDT's sending thread, read by its receiving thread. Times are microseconds from the
+// connection's start, modulo 2^32 (71 minutes, far longer than any packet is in flight); 0 marks
+// a packet sent more than once, whose acknowledgement cannot tell which copy arrived. The table
+// is mapped, not allocated: a connection that exchanges only a few messages touches a page or
+// two of it.
+class SendTimes {
+public:
+    static constexpr int kSlots = 1 << 17; // more than a window holds on any path we pace for
+
+    SendTimes() = default;
+    SendTimes(const SendTimes&) = delete;
+    SendTimes& operator=(const SendTimes&) = delete;
+    ~SendTimes() {
+        if (m_table)
+            ::munmap(m_table, kBytes);
+    }
+
+    void start(qint64 nowUs) {
+        m_epochUs = nowUs;
+        if (m_table)
+            return;
+        void* table =
+            ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (table != MAP_FAILED)
+            m_table = static_cast<std::atomic<quint32>*>(table);
+    }
+
+    // Sending thread: `seq` left at `nowUs`, for the first time or (`again`) not.
+    void record(int32_t seq, qint64 nowUs, bool again) {
+        if (m_table)
+            m_table[seq & (kSlots - 1)].store(again ? 0u : quint32(nowUs - m_epochUs) | 1u,
+                                              std::memory_order_relaxed);
+    }
+
+    bool available() const { return m_table != nullptr; }
+
+    // Receiving thread: when `seq` left, at or before `nowUs`; 0 when not known.
+    qint64 sentAt(int32_t seq, qint64 nowUs) const {
+        if (!m_table)
+            return 0;
+        const quint32 sent = m_table[seq & (kSlots - 1)].load(std::memory_order_relaxed);
+        if (sent == 0)
+            return 0;
+        return nowUs - qint64(quint32(quint32(nowUs - m_epochUs) - sent));
+    }
+
+private:
+    static constexpr size_t kBytes = kSlots * sizeof(std::atomic<quint32>);
+    static_assert(sizeof(std::atomic<quint32>) == sizeof(quint32), "a plain word per slot");
+
+    qint64 m_epochUs = 0;
+    std::atomic<quint32>* m_table = nullptr;
+};
+
 // UDT calls onPktSent() on its sending thread and everything else on its receiving thread, so
-// the sending side only records how far it got, and the model runs on the receiving thread.
+// the sending side only records how far it got and when each packet left, and the model runs on
+// the receiving thread.
 class VeskCongestion : public CCC {
 public:
     void init() override {
         static std::atomic<unsigned> flows{0};
         std::minstd_rand random(unsigned(monotonicUs()) ^ (flows++ * 2654435761u));
         m_model = RateModel(monotonicUs(), int(random() % 8));
+        m_sendTimes.start(monotonicUs());
         apply();
     }
 
     void onPktSent(const CPacket* packet) override {
         const int32_t seq = packet->m_iSeqNo;
         const int32_t highest = m_highestSent.load(std::memory_order_relaxed);
-        if (highest < 0 || sequenceDistance(highest, seq) > 0)
+        const bool fresh = highest < 0 || sequenceDistance(highest, seq) > 0;
+        m_sendTimes.record(seq, monotonicUs(), !fresh);
+        if (fresh)
             m_highestSent.store(seq, std::memory_order_relaxed);
         if (m_firstSent.load(std::memory_order_relaxed) < 0)
             m_firstSent.store(seq, std::memory_order_release);
@@ -426,8 +571,17 @@ public:
         }
         if (m_lastAck < 0 || acked > 0)
             m_lastAck = ack;
-        m_model.onAck(now, acked, m_iRTT);
+        // The acknowledgement names the next packet expected: the newest delivered is the one
+        // before it. Its trip is this connection's round-trip sample (UDT's own estimate starts
+        // from an assumed 100 ms and takes many acknowledgements to forget it); it includes the
+        // receiver's wait for its acknowledgement timer, which the shortest samples do not.
+        const int32_t newest = ack == 0 ? 0x7FFFFFFF : ack - 1;
+        const qint64 sent = acked > 0 ? m_sendTimes.sentAt(newest, now) : 0;
+        const qint64 trip =
+            sent > 0 ? std::max<qint64>(now - sent, 1) : (m_sendTimes.available() ? 0 : m_iRTT);
+        m_model.onAck(now, acked, trip, sent, m_iRTT);
         apply();
+        trace("ack", now, acked);
     }
 
     void onLoss(const int32_t* losses, int size) override {
@@ -451,11 +605,13 @@ public:
         }
         m_model.onLoss(monotonicUs(), fresh);
         apply();
+        trace("loss", monotonicUs(), fresh);
     }
 
     void onTimeout() override {
         m_model.onTimeout(monotonicUs());
         apply();
+        trace("timeout", monotonicUs(), 0);
     }
 
     // The receiving side: UDT calls this for every data packet, on its receiving thread.
@@ -482,6 +638,17 @@ public:
     }
 
 private:
+    void trace(const char* event, qint64 nowUs, qint64 count) const {
+        if (!lcCongestion().isDebugEnabled())
+            return;
+        qCDebug(lcCongestion,
+                "%p %lld %s %lld phase=%d rate=%.0f window=%.0f period=%.2f rtt=%d "
+                "minrtt=%lld",
+                static_cast<const void*>(this), nowUs, event, count, int(m_model.phase()),
+                m_model.bottleneckRate(), m_model.windowPackets(), m_model.sendPeriodUs(), m_iRTT,
+                m_model.minRtt());
+    }
+
     void catchUpSent() {
         const int32_t highest = m_highestSent.load(std::memory_order_relaxed);
         if (highest < 0)
@@ -507,6 +674,7 @@ private:
     static constexpr qint64 kRepairScanUs = 5'000;
 
     RateModel m_model;
+    SendTimes m_sendTimes;
     LossRepair m_repair;
     qint64 m_wireBase = -1; // UDT's number of the first packet received
     int32_t m_lastWire = 0;

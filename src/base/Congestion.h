@@ -42,6 +42,9 @@ public:
 
     static constexpr double kStartupGain = 2.885; // 2/ln 2: doubles delivery each round
     static constexpr int kMinWindowPackets = 32;
+    // The first round's window. In Startup the window then grows by what each acknowledgement
+    // covers, doubling every round trip, until the rate estimate catches up with it.
+    static constexpr int kInitialWindowPackets = 128;
     static constexpr int kProbeRttWindowPackets = 8;
     static constexpr qint64 kMinRttLifetimeUs = 10'000'000;
     static constexpr qint64 kProbeRttHoldUs = 200'000;
@@ -61,9 +64,17 @@ public:
 
     // `packets` more data packets left (first sends and resends alike).
     void onSent(qint64 packets);
-    // An acknowledgement at `nowUs`: `newlyAcked` packets more are delivered, `rttUs` is the
-    // current round-trip estimate (0 when there is none yet).
-    void onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs);
+    // An acknowledgement at `nowUs`: `newlyAcked` packets more are delivered; `rttUs` is the
+    // trip of the newest of them (0: not known), which is longer than the path's when the
+    // acknowledgement waited for a lost packet's resend; `ackedSentUs` is when that packet was
+    // sent (0: not known); `smoothedRttUs` is the transport's own smoothed round trip (0: none),
+    // which never waits for a resend but trails changes and starts from an assumption.
+    // The shortest trips give the path's minimum; whether a queue builds is judged by the lower
+    // of the two. A rate sample spans the longer of the time between its acknowledgements and
+    // the time its packets took to leave, so acknowledgements that arrive bunched cannot make
+    // the path look faster than the data was sent.
+    void onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 ackedSentUs = 0,
+               qint64 smoothedRttUs = 0);
     // The peer reported `lostPackets` packets it has not seen.
     void onLoss(qint64 nowUs, qint64 lostPackets);
     // Nothing was acknowledged for a while. UDT's peer reports a lost packet once; when the
@@ -88,12 +99,20 @@ public:
     qint64 retransmitTimeoutUs(qint64 smoothedRttUs) const;
 
 private:
-    void takeRateSample(qint64 nowUs);
+    void takeRateSample(qint64 nowUs, qint64 ackedSentUs);
     // `sampled`: the round also closed a rate sample.
     void endRound(qint64 nowUs, bool sampled);
     void updateMinRtt(qint64 nowUs, qint64 rttUs);
     void enter(Phase phase, qint64 nowUs);
     double bdpPackets() const;
+    // In Startup, the rate of one startup window per round trip (0 elsewhere, or before the
+    // round trip is known).
+    double startupWindowRate() const;
+    // The most data in flight the estimate allows with `gain` times the path's capacity.
+    double boundWindow(double gain) const;
+    // How far the startup window may grow: the bound of Startup once the rate is estimated, so
+    // that the last rounds before the estimate stops growing overshoot no further than that.
+    double startupWindowCap() const;
     // The pace never falls below a minimal window per round trip: a pace slower than UDT's
     // timeout would draw timeouts that lower it further.
     double floorRate() const;
@@ -109,18 +128,23 @@ private:
     qint64 m_delivered = 0;
     qint64 m_roundEndsAt = 0; // the round ends once this many packets are delivered
     qint64 m_roundStartUs = 0;
+    qint64 m_roundStartDelivered = 0;
     qint64 m_roundSent = 0;
     qint64 m_roundLost = 0;
     qint64 m_roundLowRttUs = 0; // shortest trip of the round
     qint64 m_probeRttLowUs = 0; // shortest trip while in ProbeRtt
 
+    bool m_sampling = false; // from the first acknowledgement of data on
     qint64 m_sampleStartUs = 0;
+    qint64 m_sampleStartSentUs = 0; // when the newest packet acknowledged then was sent
     qint64 m_sampleDelivered = 0;
     std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
     double m_bottleneckRate = 0.0;
 
     double m_startupBestRate = 0.0;
     int m_startupFlatRounds = 0;
+    double m_startupWindow = kInitialWindowPackets;
+    double m_cycleBaseRate = 0.0; // the estimate when this phase or probing cycle began
 
     qint64 m_minRttUs = 0;
     qint64 m_minRttStampUs = 0;
