@@ -245,6 +245,121 @@ private slots:
                  qPrintable(QString("%1 -> %2").arg(settled).arg(link.model.bottleneckRate())));
     }
 
+    // Startup's window grows by what each acknowledgement covers, and its pace keeps up: each
+    // round may send at least twice what the round before delivered.
+    void startupAtLeastDoublesEachRound() {
+        RateModel model(0);
+        qint64 now = 0;
+        const qint64 rtt = 100'000;
+        // The round trip is known from the peers' first messages.
+        model.onSent(1);
+        now += rtt;
+        model.onAck(now, 1, rtt, now - rtt);
+        QCOMPARE(model.windowPackets(), double(RateModel::kInitialWindowPackets + 1));
+        const auto allowance = [&] {
+            return std::min(model.windowPackets(), double(rtt) / model.sendPeriodUs());
+        };
+        for (int round = 0; round < 6; ++round) {
+            const qint64 sent = qint64(allowance());
+            model.onSent(sent);
+            now += rtt;
+            model.onAck(now, sent, rtt, now - rtt);
+            QCOMPARE(model.phase(), Phase::Startup);
+            QVERIFY2(allowance() >= 2.0 * double(sent),
+                     qPrintable(QString("%1 after %2").arg(allowance()).arg(sent)));
+        }
+    }
+
+    // Acknowledgements that arrive bunched after a stall cover packets that left over a longer
+    // time: the sample spans that time, so it reads the rate the data was sent at.
+    void bunchedAcknowledgementsDoNotInflateTheRate() {
+        const auto estimateAfterBunch = [](bool sendTimesKnown) {
+            Link link(2);
+            link.run(100, 500, 20'000); // 50,000 packets a second
+            // 100 ms of data leaves, and its acknowledgements all come in 30 ms.
+            link.model.onSent(5'000);
+            const qint64 sentEnd = link.now + 100'000;
+            for (int i = 0; i < 3; ++i) {
+                link.now += 10'000;
+                link.model.onAck(link.now, i == 2 ? 5'000 : 0, 20'000,
+                                 sendTimesKnown ? sentEnd - 20'000 : 0);
+            }
+            return link.model.bottleneckRate();
+        };
+        const double bounded = estimateAfterBunch(true);
+        QVERIFY2(bounded < 55'000, qPrintable(QString::number(bounded)));
+        // Without the send times the same acknowledgements read as four times the rate.
+        const double unbounded = estimateAfterBunch(false);
+        QVERIFY2(unbounded > 150'000, qPrintable(QString::number(unbounded)));
+    }
+
+    // The first rate sample starts with the first delivery, and the few messages the peers
+    // exchange before a transfer do not end Startup: the transfer still starts in it.
+    void messagesBeforeATransferDoNotEndStartup() {
+        RateModel model(0);
+        qint64 now = 0;
+        for (int i = 0; i < 6; ++i) {
+            model.onSent(2);
+            now += 200'000;
+            model.onAck(now, 2, 50'000, now - 50'000);
+        }
+        QCOMPARE(model.phase(), Phase::Startup);
+        QVERIFY(model.windowPackets() >= RateModel::kInitialWindowPackets);
+        // Then the transfer: 500 packets every 10 ms are measured as such.
+        Link link;
+        link.model = model;
+        link.now = now;
+        link.run(20, 500, 50'000);
+        QVERIFY2(qAbs(link.model.bottleneckRate() - 50'000) < 5'000,
+                 qPrintable(QString::number(link.model.bottleneckRate())));
+    }
+
+    // A path that can carry more than Cruise's estimate (another flow ended) is found at
+    // Startup's pace: the estimate doubles within a few probing cycles, not tens of them.
+    void cruiseGoesBackToStartupWhenThePathGrows() {
+        Link link(0);
+        link.run(100, 500, 20'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        bool restarted = false;
+        for (int i = 0; i < 120; ++i) {
+            // The link now carries 2,000 packets a step, and delivers what the model paces.
+            const qint64 paced = qint64(1e4 / link.model.sendPeriodUs());
+            link.step(std::min<qint64>(paced, 2'000), 20'000);
+            restarted = restarted || link.model.phase() == Phase::Startup;
+        }
+        QVERIFY(restarted);
+        QVERIFY2(link.model.bottleneckRate() > 150'000,
+                 qPrintable(QString::number(link.model.bottleneckRate())));
+    }
+
+    // A round that stalled on a full window sends little while the peer still reports the
+    // random losses of the round before: measured against what is in flight they are few.
+    void lossesDuringAStallAreNotHeavyLoss() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        link.model.onSent(1'000); // in flight behind a hole
+        link.now += 10'000;
+        link.model.onSent(20);
+        link.model.onLoss(link.now, 10);
+        link.model.onAck(link.now, 20, 20'000, link.now - 20'000);
+        QCOMPARE(link.model.bottleneckRate(), before);
+    }
+
+    // In a round with losses a long trip says nothing of a queue: the acknowledgement waited
+    // for a resend. The pace follows the probing cycle as on a clean path.
+    void longTripsInLossyRoundsAreNoQueue() {
+        Link lossy(2), clean(2);
+        lossy.run(100, 500, 20'000);
+        clean.run(100, 500, 20'000);
+        QCOMPARE(lossy.model.phase(), Phase::Cruise);
+        for (int i = 0; i < 20; ++i) {
+            lossy.step(500, 60'000, 2);
+            clean.step(500, 20'000);
+            QCOMPARE(lossy.model.pacingGain(), clean.model.pacingGain());
+        }
+    }
+
     // ---- Reporting missing packets again ----------------------------------------------------
 
     void gapsAreMissingUntilTheyArrive() {

@@ -39,8 +39,10 @@ constexpr double kQueueRttFactor = 1.5;
 constexpr qint64 kQueueRttSlackUs = 5'000;
 constexpr double kQueueDrainGain = 0.75;
 constexpr double kHeavyLossBackoff = 0.7;
-// Growth of the estimate within one probing cycle of Cruise that sends the model back to Startup.
-constexpr double kRegrowthFactor = 1.25;
+// An estimate that grew by this much over this many probing cycles sends Cruise back to
+// Startup.
+constexpr double kRegrowthFactor = 1.2;
+constexpr int kRegrowthCycles = 2;
 
 qint64 monotonicUs() {
     using namespace std::chrono;
@@ -84,6 +86,7 @@ RateModel::RateModel(qint64 startUs, int cruisePhase)
     , m_roundStartUs(startUs)
     , m_roundLowRttUs(std::numeric_limits<qint64>::max())
     , m_sampleStartUs(startUs)
+    , m_cycleBaseRates(kRegrowthCycles, 0.0)
     , m_minRttStampUs(startUs) {}
 
 void RateModel::onSent(qint64 packets) {
@@ -155,7 +158,7 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
             m_cycleIndex = (m_cycleIndex + 1) % kCycleLength;
             m_cycleStartUs = nowUs;
             if (m_cycleIndex == 0)
-                m_cycleBaseRate = m_bottleneckRate;
+                endCycle(nowUs);
         }
         break;
     case Phase::ProbeRtt:
@@ -244,19 +247,6 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
         if (double(m_sent - m_delivered) <= bdpPackets() || m_queueGrowing == false)
             enter(Phase::Cruise, nowUs);
         break;
-    case Phase::Cruise:
-        // An estimate a quarter above where this probing cycle started (a probe into room
-        // another flow left, or a startup that ended early on a lossy path's stalls) means the
-        // path has room the cycle's small probes would take many rounds to fill: look for its
-        // end as at the start.
-        if (sampled && !appLimited && m_cycleBaseRate > 0.0 &&
-            m_bottleneckRate >= kRegrowthFactor * m_cycleBaseRate) {
-            m_startupBestRate = m_bottleneckRate;
-            m_startupFlatRounds = 0;
-            m_startupWindow = windowPackets();
-            enter(Phase::Startup, nowUs);
-        }
-        break;
     default:
         break;
     }
@@ -269,11 +259,27 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
     m_roundLowRttUs = std::numeric_limits<qint64>::max();
 }
 
+void RateModel::endCycle(qint64 nowUs) {
+    // Probes that keep finding more (room another flow left, or a startup that ended early on
+    // a lossy path's stalls) mean room the cycle's small probes would take many cycles to fill:
+    // look for its end as at the start.
+    const double before = m_cycleBaseRates.front();
+    m_cycleBaseRates.pop_front();
+    m_cycleBaseRates.push_back(m_bottleneckRate);
+    if (before <= 0.0 || m_bottleneckRate < kRegrowthFactor * before)
+        return;
+    m_startupBestRate = m_bottleneckRate;
+    m_startupFlatRounds = 0;
+    m_startupWindow = windowPackets();
+    enter(Phase::Startup, nowUs);
+}
+
 void RateModel::enter(Phase phase, qint64 nowUs) {
     m_phase = phase;
     m_phaseStartUs = nowUs;
     m_cycleStartUs = nowUs;
-    m_cycleBaseRate = m_bottleneckRate;
+    m_cycleBaseRates.assign(kRegrowthCycles, 0.0);
+    m_cycleBaseRates.back() = m_bottleneckRate;
     if (phase == Phase::ProbeRtt)
         m_probeRttLowUs = std::numeric_limits<qint64>::max();
 }

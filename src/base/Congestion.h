@@ -103,6 +103,8 @@ private:
     // `sampled`: the round also closed a rate sample.
     void endRound(qint64 nowUs, bool sampled);
     void updateMinRtt(qint64 nowUs, qint64 rttUs);
+    // A probing cycle of Cruise ends.
+    void endCycle(qint64 nowUs);
     void enter(Phase phase, qint64 nowUs);
     double bdpPackets() const;
     // In Startup, the rate of one startup window per round trip (0 elsewhere, or before the
@@ -144,7 +146,9 @@ private:
     double m_startupBestRate = 0.0;
     int m_startupFlatRounds = 0;
     double m_startupWindow = kInitialWindowPackets;
-    double m_cycleBaseRate = 0.0; // the estimate when this phase or probing cycle began
+    // The estimate at the ends of the last probing cycles (or the start of the phase), oldest
+    // first; 0 where there was none yet.
+    std::deque<double> m_cycleBaseRates;
 
     qint64 m_minRttUs = 0;
     qint64 m_minRttStampUs = 0;
