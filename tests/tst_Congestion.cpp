@@ -199,7 +199,7 @@ private slots:
         QCOMPARE(link.model.bottleneckRate(), before / 2);
         QCOMPARE(link.model.phase(), Phase::Startup);
         QCOMPARE(link.model.retransmitTimeoutUs(20'000), 4 * timeout);
-        QCOMPARE(RateModel().retransmitTimeoutUs(20'000), qint64(0));
+        QCOMPARE(RateModel().retransmitTimeoutUs(20'000), RateModel::kUnmeasuredTimeoutUs);
     }
 
     // UDT also reports a timeout when it heard nothing while data waits to be sent; with nothing

@@ -6,6 +6,7 @@
 #include "base/Wire.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QSet>
 #include <QTest>
@@ -141,6 +142,30 @@ private:
     std::thread m_thread;
 };
 
+// Connects a client with packets of `mss` bytes to `listener` through `relay`; `server` gets
+// the accepted end.
+bool connectThrough(const LossyRelay& relay, int listener, int mss, VESK::net::Socket* client,
+                    VESK::net::Socket* server, QString* error) {
+    auto accepting = std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener); });
+    client->reset(UDT::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(relay.port());
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool connected =
+        VESK::net::applyOptions(client->get(), mss, error) &&
+        UDT::connect(client->get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != UDT::ERROR;
+    if (!connected) {
+        if (error->isEmpty())
+            *error = QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
+        client->reset();
+    }
+    *server = VESK::net::Socket(accepting.get());
+    if (connected && !server->valid())
+        *error = QStringLiteral("nothing was accepted");
+    return connected && server->valid();
+}
+
 int threadCount() {
     return int(QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
@@ -228,18 +253,9 @@ private slots:
         // waits for the resends.
         constexpr int kMss = 1500;
         LossyRelay relay(port, 500, 2, kBytes / kMss / 2);
-        auto accepting =
-            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-        VESK::net::Socket client(UDT::socket(AF_INET, SOCK_STREAM, 0));
-        QVERIFY(VESK::net::applyOptions(client.get(), kMss, &error));
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(relay.port());
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        QVERIFY(UDT::connect(client.get(), reinterpret_cast<sockaddr*>(&to), sizeof to) !=
-                UDT::ERROR);
-        VESK::net::Socket server(accepting.get());
-        QVERIFY(server.valid());
+        VESK::net::Socket client, server;
+        QVERIFY2(connectThrough(relay, listener.get(), kMss, &client, &server, &error),
+                 qPrintable(error));
         VESK::net::setReceiveTimeout(server.get(), 20000);
 
         QByteArray data(kBytes, Qt::Uninitialized);
@@ -279,6 +295,37 @@ private slots:
                  qPrintable(QString("%1 loss reports for %2 lost packets")
                                 .arg(trace.pktRecvNAKTotal)
                                 .arg(lost)));
+    }
+
+    // A lost message with nothing behind it is recovered by the sender's timeout alone (the
+    // receiver sees no gap). The waiting peer's keep-alives must not keep putting that timeout
+    // off: here the client's second message is lost twice, and still arrives in well under a
+    // second, where it used to wait for seconds.
+    void lostLastMessageIsResentWhileThePeerWaits() {
+        quint16 port = 0;
+        QString error;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
+        QVERIFY2(listener.valid(), qPrintable(error));
+        LossyRelay relay(port, 1, 2, 2); // the client's second data packet, twice
+        VESK::net::Socket client, server;
+        QVERIFY2(connectThrough(relay, listener.get(), 1500, &client, &server, &error),
+                 qPrintable(error));
+        VESK::net::setReceiveTimeout(server.get(), 10000);
+        VESK::net::setReceiveTimeout(client.get(), 10000);
+        char byte = 'a';
+        // A question and its answer, then a last message that is lost.
+        QVERIFY(UDT::send(client.get(), &byte, 1, 0) == 1);
+        QVERIFY(UDT::recv(server.get(), &byte, 1, 0) == 1);
+        QVERIFY(UDT::send(server.get(), &byte, 1, 0) == 1);
+        QVERIFY(UDT::recv(client.get(), &byte, 1, 0) == 1);
+        QElapsedTimer clock;
+        clock.start();
+        byte = 'b';
+        QVERIFY(UDT::send(client.get(), &byte, 1, 0) == 1);
+        QVERIFY(UDT::recv(server.get(), &byte, 1, 0) == 1);
+        QCOMPARE(byte, 'b');
+        QCOMPARE(relay.lostPackets(), 1);
+        QVERIFY2(clock.elapsed() < 1000, qPrintable(QString("%1 ms").arg(clock.elapsed())));
     }
 
     // A peer that answers the moment it is connected must not have its answer dropped (and sent

@@ -322,9 +322,8 @@ qint64 baseTimeoutUs(qint64 rttUs) {
 } // namespace
 
 qint64 RateModel::retransmitTimeoutUs(qint64 smoothedRttUs) const {
-    if (m_minRttUs <= 0 || smoothedRttUs <= 0)
-        return 0;
-    qint64 timeout = baseTimeoutUs(smoothedRttUs);
+    qint64 timeout =
+        m_minRttUs > 0 && smoothedRttUs > 0 ? baseTimeoutUs(smoothedRttUs) : kUnmeasuredTimeoutUs;
     for (int i = 0; i < m_timeoutsInARow && timeout < kMaxRetransmitTimeoutUs; ++i)
         timeout *= 2;
     return std::min(timeout, kMaxRetransmitTimeoutUs);
@@ -559,9 +558,11 @@ public:
         const bool fresh = highest < 0 || sequenceDistance(highest, seq) > 0;
         m_sendTimes.record(seq, monotonicUs(), !fresh);
         if (fresh)
-            m_highestSent.store(seq, std::memory_order_relaxed);
+            m_highestSent.store(seq);
         if (m_firstSent.load(std::memory_order_relaxed) < 0)
             m_firstSent.store(seq, std::memory_order_release);
+        if (fresh && m_idle.exchange(false))
+            setRTO(int(m_busyTimeoutUs.load()));
     }
 
     void onACK(int32_t ack) override {
@@ -615,6 +616,7 @@ public:
     }
 
     void onTimeout() override {
+        catchUpSent();
         m_model.onTimeout(monotonicUs());
         apply();
         trace("timeout", monotonicUs(), 0);
@@ -671,13 +673,33 @@ private:
     void apply() {
         m_dPktSndPeriod = m_model.sendPeriodUs();
         m_dCWndSize = m_model.windowPackets();
-        if (const qint64 timeout = m_model.retransmitTimeoutUs(m_iRTT); timeout > 0)
+        const qint64 timeout = m_model.retransmitTimeoutUs(m_iRTT);
+        m_busyTimeoutUs.store(timeout);
+        // UDT resends what is unacknowledged only after a timeout with nothing at all heard from
+        // the peer, and a waiting peer's keep-alives (sent at its own timeout) are something: a
+        // lost last message would wait until the peer's timeout outgrew ours. So a side with
+        // everything acknowledged keeps quiet for longer than any side's timeout, and its first
+        // new packet (onPktSent) brings its own timeout back.
+        const int32_t highest = m_highestSent.load();
+        const bool idle =
+            highest < 0 || (m_lastAck >= 0 && sequenceDistance(highest, m_lastAck) > 0);
+        if (!idle) {
+            m_idle.store(false);
             setRTO(int(timeout));
+            return;
+        }
+        setRTO(int(kIdleTimeoutUs));
+        m_idle.store(true);
+        // A packet sent meanwhile may have found the flag still down.
+        if (m_highestSent.load() != highest && m_idle.exchange(false))
+            setRTO(int(m_busyTimeoutUs.load()));
     }
 
     // Missing packets named in one report: well inside the smallest packet's payload.
     static constexpr int kMaxReportedPerPacket = 200;
     static constexpr qint64 kRepairScanUs = 5'000;
+    // Keep-alive period with nothing in flight: beyond the longest retransmission timeout.
+    static constexpr qint64 kIdleTimeoutUs = RateModel::kMaxRetransmitTimeoutUs + 500'000;
 
     RateModel m_model;
     SendTimes m_sendTimes;
@@ -691,6 +713,8 @@ private:
     int32_t m_countedSent = -1;
     int32_t m_lastAck = -1;
     int32_t m_highestLost = -1;
+    std::atomic<qint64> m_busyTimeoutUs{RateModel::kUnmeasuredTimeoutUs};
+    std::atomic<bool> m_idle{false};
 };
 
 } // namespace

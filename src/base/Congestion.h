@@ -57,6 +57,8 @@ public:
     static constexpr double kCongestionLossShare = 0.2;
     static constexpr qint64 kMinRetransmitTimeoutUs = 60'000;
     static constexpr qint64 kMaxRetransmitTimeoutUs = 2'000'000;
+    // The first timeout before any round trip was measured (UDT's own assumption).
+    static constexpr qint64 kUnmeasuredTimeoutUs = 300'000;
 
     // `startUs` is the current time; `cruisePhase` picks where the probing cycle starts, so that
     // flows started together do not probe in step.
