@@ -360,6 +360,41 @@ private slots:
         }
     }
 
+    // Losses beside a queue that stays after our probe has drained (another flow keeps it
+    // filled) are that queue overflowing: the rate backs off as a TCP flow would, and stays
+    // capped until such losses have been gone for a few probing cycles.
+    void lossesBesideAForeignQueueBackOff() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        const double before = link.model.bottleneckRate();
+        link.run(30, 500, 28'000); // a standing queue, without losses: nothing to yield to
+        QVERIFY(link.model.bottleneckRate() >= 0.98 * before);
+        link.step(500, 28'000, 3);
+        const double capped = link.model.bottleneckRate();
+        QVERIFY2(capped <= 0.71 * before, qPrintable(QString("%1 -> %2").arg(before).arg(capped)));
+        link.run(40, 500, 20'000); // the link delivers as much as before, but the cap holds
+        QCOMPARE(link.model.bottleneckRate(), capped);
+        QCOMPARE(link.model.phase(), Phase::Cruise);
+        link.run(100, 500, 20'000);
+        QVERIFY2(link.model.bottleneckRate() >= 0.95 * before,
+                 qPrintable(QString("%1 -> %2").arg(before).arg(link.model.bottleneckRate())));
+    }
+
+    // Random losses change nothing when no queue stands, not even beside the queue of our own
+    // probe (its round and the draining round after it are slow).
+    void lossesBesideOurOwnProbeKeepTheRate() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        const double before = link.model.bottleneckRate();
+        for (int i = 0; i < 300; ++i) {
+            const bool probing = link.model.pacingGain() != 1.0;
+            link.step(500, probing ? 28'000 : 20'000, probing || i % 2 ? 0 : 3);
+        }
+        QVERIFY2(link.model.bottleneckRate() >= 0.98 * before,
+                 qPrintable(QString("%1 -> %2").arg(before).arg(link.model.bottleneckRate())));
+    }
+
     // ---- Reporting missing packets again ----------------------------------------------------
 
     void gapsAreMissingUntilTheyArrive() {

@@ -43,6 +43,15 @@ constexpr double kHeavyLossBackoff = 0.7;
 // Startup.
 constexpr double kRegrowthFactor = 1.2;
 constexpr int kRegrowthCycles = 2;
+// A loss-free round after the probe's drain whose shortest trip is still this much above the
+// minimum (a twentieth of it, plus this) finds a queue that another flow keeps filled.
+constexpr qint64 kForeignQueueSlackUs = 3'000;
+// The first steady phase of the probing cycle: our own probe's queue has drained by then.
+constexpr int kFirstSteadyPhase = 2;
+// Losses beside such a queue are its overflow: the rate is capped at this share of the
+// estimate, as a TCP flow backs off, until this many probing cycles pass without them.
+constexpr double kSharedLossBackoff = 0.7;
+constexpr int kSharedCapCycles = 4;
 
 qint64 monotonicUs() {
     using namespace std::chrono;
@@ -202,6 +211,7 @@ void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
     m_bottleneckRate = 0.0;
     for (const auto& sample : m_samples)
         m_bottleneckRate = std::max(m_bottleneckRate, sample.second);
+    m_bottleneckRate = std::min(m_bottleneckRate, m_rateCap);
 }
 
 void RateModel::endRound(qint64 nowUs, bool sampled) {
@@ -225,6 +235,19 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
     m_queueGrowing = m_roundLost == 0 && m_minRttUs > 0 &&
                      m_roundLowRttUs != std::numeric_limits<qint64>::max() &&
                      m_roundLowRttUs > kQueueRttFactor * m_minRttUs + kQueueRttSlackUs;
+    // Random loss comes at any round trip; a queue another flow keeps filled (a loss-based TCP
+    // flow fills it until it overflows) makes losses that are congestion. Left alone, the
+    // estimate would hold its share and the other flow would back off at every overflow.
+    if (m_phase == Phase::Cruise && m_roundLost == 0 && m_cycleIndex >= kFirstSteadyPhase &&
+        m_minRttUs > 0 && m_roundLowRttUs != std::numeric_limits<qint64>::max())
+        m_foreignQueue = m_roundLowRttUs > m_minRttUs + m_minRttUs / 20 + kForeignQueueSlackUs;
+    if (m_phase == Phase::Cruise && m_foreignQueue && m_roundLost > 1 && !heavyLoss) {
+        m_rateCap =
+            std::max(floorRate(), kSharedLossBackoff * std::min(m_rateCap, m_bottleneckRate));
+        m_bottleneckRate = std::min(m_bottleneckRate, m_rateCap);
+        m_cleanCycles = 0;
+        m_foreignQueue = false;
+    }
     // A round that delivered less than a first window had no more data to send (the peers'
     // messages before a transfer, or its last packets): it says nothing of the path.
     const bool appLimited = m_delivered - m_roundStartDelivered < kInitialWindowPackets;
@@ -260,6 +283,14 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
 }
 
 void RateModel::endCycle(qint64 nowUs) {
+    if (m_rateCap != std::numeric_limits<double>::infinity()) {
+        // Growth under a cap is the cap's release, not room on the path.
+        if (++m_cleanCycles >= kSharedCapCycles)
+            m_rateCap = std::numeric_limits<double>::infinity();
+        m_cycleBaseRates.assign(kRegrowthCycles, 0.0);
+        m_cycleBaseRates.back() = m_bottleneckRate;
+        return;
+    }
     // Probes that keep finding more (room another flow left, or a startup that ended early on
     // a lossy path's stalls) mean room the cycle's small probes would take many cycles to fill:
     // look for its end as at the start.

@@ -15,6 +15,7 @@
 #include <QtGlobal>
 
 #include <deque>
+#include <limits>
 #include <set>
 #include <utility>
 #include <vector>
@@ -151,6 +152,11 @@ private:
     // The estimate at the ends of the last probing cycles (or the start of the phase), oldest
     // first; 0 where there was none yet.
     std::deque<double> m_cycleBaseRates;
+    // Another flow keeps the bottleneck's queue filled (from the last loss-free steady round).
+    bool m_foreignQueue = false;
+    // Upper bound on the estimate after losses beside such a queue; infinite when none.
+    double m_rateCap = std::numeric_limits<double>::infinity();
+    int m_cleanCycles = 0; // probing cycles since the cap was last lowered
 
     qint64 m_minRttUs = 0;
     qint64 m_minRttStampUs = 0;
