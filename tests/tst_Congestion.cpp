@@ -395,15 +395,86 @@ private slots:
                  qPrintable(QString("%1 -> %2").arg(before).arg(link.model.bottleneckRate())));
     }
 
+    // ---- The peer's count of arrivals ---------------------------------------------------------
+
+    // What arrived after a hole is not in flight, though UDT counts it so until the resend
+    // fills the hole: the window given to UDT leaves room for it.
+    void arrivalsBeyondAHoleWidenTheTransportWindow() {
+        Link link(2);
+        link.run(100, 500, 20'000); // 50,000 delivered
+        QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets());
+        // 1,000 more leave; the first is lost and the peer has the other 999.
+        link.model.onSent(1'000);
+        link.now += 10'000;
+        link.model.onArrivals(link.now, 50'999, 1'000'000);
+        QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets() + 999);
+        // The resend fills the hole: the acknowledgement covers them all.
+        link.now += 10'000;
+        link.model.onAck(link.now, 1'000, 20'000, link.now - 20'000);
+        QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets());
+    }
+
+    // While acknowledgements lag behind what arrived, rate samples follow the peer's count.
+    void arrivalsMeasureTheRateWhileAcknowledgementsLag() {
+        const auto estimate = [](bool reports) {
+            Link link(2);
+            qint64 arrived = 0;
+            for (int i = 0; i < 100; ++i) {
+                link.now += 10'000;
+                link.model.onSent(500);
+                arrived += 500;
+                if (reports)
+                    link.model.onArrivals(link.now, arrived, link.now);
+                link.model.onAck(link.now, 250, 20'000, link.now - 20'000);
+            }
+            return link.model.bottleneckRate();
+        };
+        const double withReports = estimate(true);
+        QVERIFY2(qAbs(withReports - 50'000) < 2'500, qPrintable(QString::number(withReports)));
+        const double withoutReports = estimate(false);
+        QVERIFY2(qAbs(withoutReports - 25'000) < 1'250,
+                 qPrintable(QString::number(withoutReports)));
+    }
+
+    // Startup's window grows with what arrived, not only with what is acknowledged, and by
+    // each packet once.
+    void startupGrowsWithArrivals() {
+        RateModel model(0);
+        model.onSent(1);
+        model.onAck(100'000, 1, 100'000, 0); // the peers' first message
+        const double before = model.windowPackets();
+        model.onSent(128);
+        model.onArrivals(150'000, 1 + 100, 150'000);
+        QCOMPARE(model.windowPackets(), before + 100);
+        model.onAck(200'000, 100, 100'000, 100'000);
+        QCOMPARE(model.windowPackets(), before + 100);
+        model.onAck(210'000, 28, 100'000, 100'000);
+        QCOMPARE(model.windowPackets(), before + 128);
+    }
+
+    // Reports travel unreliably: one older than the last one changes nothing.
+    void staleArrivalReportsAreIgnored() {
+        Link link(2);
+        link.run(100, 500, 20'000);
+        link.model.onSent(2'000);
+        link.model.onArrivals(link.now, 50'500, 2'000'000);
+        const double window = link.model.transportWindowPackets();
+        link.model.onArrivals(link.now, 51'500, 1'990'000);
+        QCOMPARE(link.model.transportWindowPackets(), window);
+        link.model.onArrivals(link.now, 51'500, 2'010'000);
+        QCOMPARE(link.model.transportWindowPackets(), window + 1'000);
+    }
+
     // ---- Reporting missing packets again ----------------------------------------------------
 
     void gapsAreMissingUntilTheyArrive() {
         VESK::net::LossRepair repair;
         for (qint64 seq : {0, 1, 2, 5, 6, 9})
-            repair.onPacket(seq, 1'000);
+            QVERIFY(repair.onPacket(seq, 1'000));
         QCOMPARE(repair.missing(), 4); // 3, 4, 7, 8
-        repair.onPacket(4, 2'000);
-        repair.onPacket(4, 2'000); // a duplicate changes nothing
+        QVERIFY(repair.onPacket(4, 2'000));
+        QVERIFY(!repair.onPacket(4, 2'000)); // a duplicate changes nothing
+        QVERIFY(!repair.onPacket(5, 2'000));
         QCOMPARE(repair.missing(), 3);
     }
 

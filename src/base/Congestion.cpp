@@ -132,8 +132,7 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
     if (newlyAcked > 0) {
         m_timeoutsInARow = 0;
         m_delivered += newlyAcked;
-        if (m_phase == Phase::Startup)
-            m_startupWindow = std::min(m_startupWindow + double(newlyAcked), startupWindowCap());
+        grow(std::max(m_delivered, m_arrived));
         if (m_sampling) {
             m_sampleDelivered += newlyAcked;
         } else {
@@ -142,6 +141,8 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
             m_sampling = true;
             m_sampleStartUs = nowUs;
             m_sampleStartSentUs = ackedSentUs;
+            m_sampleStartArrived = m_arrived;
+            m_sampleStartPeerUs = m_arrivedPeerUs;
         }
     }
     if (smoothedRttUs > 0)
@@ -186,6 +187,28 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
         enter(Phase::ProbeRtt, nowUs);
 }
 
+void RateModel::onArrivals(qint64, qint64 arrived, qint64 peerUs) {
+    // Reports travel unreliably and may come out of order: only newer ones count.
+    if (m_arrivedPeerUs >= 0 && peerUs <= m_arrivedPeerUs)
+        return;
+    m_arrived = std::max(m_arrived, arrived);
+    m_arrivedPeerUs = peerUs;
+    if (m_sampling && m_sampleStartPeerUs < 0) {
+        m_sampleStartArrived = m_arrived;
+        m_sampleStartPeerUs = peerUs;
+    }
+    grow(std::max(m_delivered, m_arrived));
+}
+
+void RateModel::grow(qint64 progress) {
+    if (progress <= m_progress)
+        return;
+    if (m_phase == Phase::Startup)
+        m_startupWindow =
+            std::min(m_startupWindow + double(progress - m_progress), startupWindowCap());
+    m_progress = progress;
+}
+
 void RateModel::updateMinRtt(qint64 nowUs, qint64 rttUs) {
     if (m_minRttUs == 0 || rttUs <= m_minRttUs) {
         m_minRttUs = rttUs;
@@ -197,10 +220,17 @@ void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
     qint64 span = nowUs - m_sampleStartUs;
     if (ackedSentUs > 0 && m_sampleStartSentUs > 0)
         span = std::max(span, ackedSentUs - m_sampleStartSentUs);
-    const double rate = double(m_sampleDelivered) * 1e6 / double(span);
+    double rate = double(m_sampleDelivered) * 1e6 / double(span);
+    // The peer's clock times its arrivals, so bunched reports cannot inflate this reading; a
+    // span shorter than a sample's would mostly measure how the arrivals bunch.
+    const qint64 peerSpan = m_arrivedPeerUs - m_sampleStartPeerUs;
+    if (m_sampleStartPeerUs >= 0 && peerSpan >= kMinSampleUs)
+        rate = std::max(rate, double(m_arrived - m_sampleStartArrived) * 1e6 / double(peerSpan));
     m_sampleStartUs = nowUs;
     m_sampleStartSentUs = ackedSentUs;
     m_sampleDelivered = 0;
+    m_sampleStartArrived = m_arrived;
+    m_sampleStartPeerUs = m_arrivedPeerUs;
     m_samples.push_back({nowUs, rate});
     // Three probing cycles: samples and cycle phases do not line up, and within three cycles
     // one sample covers a probe whole.
@@ -407,22 +437,25 @@ double RateModel::windowPackets() const {
     return m_bottleneckRate > 0.0 ? boundWindow(kCruiseWindowGain) : double(kMinWindowPackets);
 }
 
+double RateModel::transportWindowPackets() const {
+    return windowPackets() + double(std::max<qint64>(0, m_arrived - m_delivered));
+}
+
 // ---- LossRepair -------------------------------------------------------------------------------
 
-void LossRepair::onPacket(qint64 seq, qint64 nowUs) {
+bool LossRepair::onPacket(qint64 seq, qint64 nowUs) {
     if (m_highest < 0) {
         m_highest = seq;
-        return;
+        return true;
     }
-    if (seq <= m_highest) {
-        m_missing.erase(seq);
-        return;
-    }
+    if (seq <= m_highest)
+        return m_missing.erase(seq) > 0;
     for (qint64 s = m_highest + 1; s < seq && int(m_missing.size()) < kMaxTracked; ++s) {
         m_missing.insert(s);
         m_reports.emplace_back(nowUs, s);
     }
     m_highest = seq;
+    return true;
 }
 
 std::vector<qint64> LossRepair::due(qint64 nowUs, qint64 intervalUs, int max) {
@@ -470,34 +503,50 @@ std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wire
 
 namespace {
 
-// A loss report as UDT's own control packet. CCC::sendCustomMsg() sends any packet to the peer,
-// but the library keeps CPacket's constructor and pack() to itself, so the object is laid out
-// here as the installed header declares it (its reference members are pointers in this ABI)
-// and filled as pack() fills a loss report: the control bit and type 3 in the first header
-// word, the loss entries as the payload. UDT converts both to network order when it sends.
-class LossReportPacket {
+// A control packet as UDT lays it out. CCC::sendCustomMsg() sends any packet to the peer, but
+// the library keeps CPacket's constructor and pack() to itself, so the object is laid out here
+// as the installed header declares it (its reference members are pointers in this ABI) and
+// filled as pack() fills one: the control bit, the type and its extension in the first header
+// word, 32-bit words as the payload. UDT converts both to network order when it sends, and back
+// when it receives.
+class ControlPacket {
 public:
-    explicit LossReportPacket(std::vector<qint32>& entries) {
+    // Type 3 is a loss report, whose payload is loss entries; UDT hands a packet of type 0x7FFF
+    // to the peer's CCC::processCustomMsg(), and keeps the extension for the user.
+    static constexpr quint32 kLossReport = 3;
+    static constexpr quint32 kUserDefined = 0x7FFF;
+
+    ControlPacket(quint32 type, quint32 extension, std::vector<qint32>& words) {
         Image* image = new (m_storage) Image;
         image->seqNo = reinterpret_cast<int32_t*>(&image->header[0]);
         image->msgNo = reinterpret_cast<int32_t*>(&image->header[1]);
         image->timeStamp = reinterpret_cast<int32_t*>(&image->header[2]);
         image->id = reinterpret_cast<int32_t*>(&image->header[3]);
         image->data = reinterpret_cast<char**>(&image->vector[1].iov_base);
-        image->header[0] = 0x80000000u | (quint32(kLossReportType) << 16);
+        image->header[0] = 0x80000000u | (type << 16) | (extension & 0xFFFFu);
         image->vector[0].iov_base = image->header;
         image->vector[0].iov_len = sizeof image->header;
-        image->vector[1].iov_base = entries.data();
-        image->vector[1].iov_len = entries.size() * sizeof(qint32);
+        image->vector[1].iov_base = words.data();
+        image->vector[1].iov_len = words.size() * sizeof(qint32);
     }
-    LossReportPacket(const LossReportPacket&) = delete;
-    LossReportPacket& operator=(const LossReportPacket&) = delete;
+    ControlPacket(const ControlPacket&) = delete;
+    ControlPacket& operator=(const ControlPacket&) = delete;
 
     CPacket& packet() { return *std::launder(reinterpret_cast<CPacket*>(m_storage)); }
 
-private:
-    static constexpr int kLossReportType = 3;
+    // The payload of a received user-defined packet with this extension, as words; empty when
+    // the packet is another kind.
+    static std::vector<qint32> userPayload(const CPacket* packet, quint32 extension) {
+        const quint32 first = quint32(packet->m_iSeqNo);
+        if (first != (0x80000000u | (kUserDefined << 16) | (extension & 0xFFFFu)))
+            return {};
+        const auto* image = reinterpret_cast<const Image*>(packet);
+        const size_t count = image->vector[1].iov_len / sizeof(qint32);
+        const auto* words = reinterpret_cast<const qint32*>(packet->m_pcData);
+        return std::vector<qint32>(words, words + count);
+    }
 
+private:
     struct Image {
         int32_t* seqNo;
         int32_t* msgNo;
@@ -653,6 +702,36 @@ public:
         trace("timeout", monotonicUs(), 0);
     }
 
+    // The sending side: the peer's count of arrivals (see RateModel::onArrivals()).
+    void processCustomMsg(const CPacket* packet) override {
+        const std::vector<qint32> words = ControlPacket::userPayload(packet, kArrivalReport);
+        if (words.size() < 2)
+            return;
+        const quint32 count = quint32(words[0]);
+        const quint32 at = quint32(words[1]);
+        if (m_peerReports > 0) {
+            // Both wrap at 32 bits; a report older than the last one is left out.
+            const qint32 moreArrived = qint32(count - m_peerLastCount);
+            const qint32 later = qint32(at - m_peerLastAt);
+            if (later <= 0 || moreArrived < 0)
+                return;
+            m_peerArrived += moreArrived;
+            m_peerUs += later;
+        } else {
+            m_peerArrived = count;
+            m_peerUs = 0;
+        }
+        ++m_peerReports;
+        m_peerLastCount = count;
+        m_peerLastAt = at;
+        m_peerArrivedShown.store(m_peerArrived, std::memory_order_relaxed);
+        m_model.onArrivals(monotonicUs(), m_peerArrived, m_peerUs);
+        apply();
+        trace("arrivals", monotonicUs(), m_peerArrived);
+    }
+
+    qint64 peerArrivals() const { return m_peerArrivedShown.load(std::memory_order_relaxed); }
+
     // The receiving side: UDT calls this for every data packet, on its receiving thread.
     void onPktReceived(const CPacket* packet) override {
         const int32_t seq = packet->m_iSeqNo;
@@ -663,7 +742,7 @@ public:
         m_unwrapped += sequenceDistance(m_lastWire, seq);
         m_lastWire = seq;
         const qint64 now = monotonicUs();
-        m_repair.onPacket(m_unwrapped, now);
+        reportArrival(m_repair.onPacket(m_unwrapped, now), now);
         if (m_repair.missing() == 0 || now - m_lastRepairScanUs < kRepairScanUs)
             return;
         m_lastRepairScanUs = now;
@@ -672,7 +751,7 @@ public:
         if (due.empty())
             return;
         std::vector<qint32> entries = lossReport(due, qint32(m_wireBase));
-        LossReportPacket report(entries);
+        ControlPacket report(ControlPacket::kLossReport, 0, entries);
         sendCustomMsg(report.packet());
     }
 
@@ -686,6 +765,19 @@ private:
                 static_cast<const void*>(this), nowUs, event, count, int(m_model.phase()),
                 m_model.bottleneckRate(), m_model.windowPackets(), m_model.sendPeriodUs(), m_iRTT,
                 m_model.minRtt());
+    }
+
+    // Counts a data packet that arrived for the first time, and tells the peer the count every
+    // report period.
+    void reportArrival(bool fresh, qint64 now) {
+        if (fresh)
+            ++m_arrived;
+        if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs)
+            return;
+        m_lastArrivalReportUs = now;
+        std::vector<qint32> words{qint32(m_arrived), qint32(quint32(now - m_epochUs))};
+        ControlPacket report(ControlPacket::kUserDefined, kArrivalReport, words);
+        sendCustomMsg(report.packet());
     }
 
     void catchUpSent() {
@@ -703,7 +795,7 @@ private:
 
     void apply() {
         m_dPktSndPeriod = m_model.sendPeriodUs();
-        m_dCWndSize = m_model.windowPackets();
+        m_dCWndSize = m_model.transportWindowPackets();
         const qint64 timeout = m_model.retransmitTimeoutUs(m_iRTT);
         m_busyTimeoutUs.store(timeout);
         // UDT resends what is unacknowledged only after a timeout with nothing at all heard from
@@ -729,6 +821,10 @@ private:
     // Missing packets named in one report: well inside the smallest packet's payload.
     static constexpr int kMaxReportedPerPacket = 200;
     static constexpr qint64 kRepairScanUs = 5'000;
+    // The user-defined control packet that carries the count of arrivals, and how often it
+    // goes: as often as UDT acknowledges.
+    static constexpr quint32 kArrivalReport = 0x5641;
+    static constexpr qint64 kArrivalReportUs = 10'000;
     // Keep-alive period with nothing in flight: beyond the longest retransmission timeout.
     static constexpr qint64 kIdleTimeoutUs = RateModel::kMaxRetransmitTimeoutUs + 500'000;
 
@@ -739,6 +835,15 @@ private:
     int32_t m_lastWire = 0;
     qint64 m_unwrapped = 0; // the last packet received, counted from the first
     qint64 m_lastRepairScanUs = 0;
+    qint64 m_epochUs = monotonicUs();
+    quint32 m_arrived = 0;
+    qint64 m_lastArrivalReportUs = 0;
+    qint64 m_peerReports = 0;
+    qint64 m_peerArrived = 0;
+    qint64 m_peerUs = 0;
+    quint32 m_peerLastCount = 0;
+    quint32 m_peerLastAt = 0;
+    std::atomic<qint64> m_peerArrivedShown{0}; // m_peerArrived, for other threads
     std::atomic<int32_t> m_highestSent{-1};
     std::atomic<int32_t> m_firstSent{-1};
     int32_t m_countedSent = -1;
@@ -757,12 +862,25 @@ bool useCongestion(int socket, Congestion congestion) {
     return UDT::setsockopt(socket, 0, UDT_CC, &factory, sizeof factory) != UDT::ERROR;
 }
 
-Congestion congestionOf(int socket) {
+namespace {
+
+VeskCongestion* veskControlOf(int socket) {
     CCC* control = nullptr;
     int len = sizeof control;
     if (UDT::getsockopt(socket, 0, UDT_CC, &control, &len) == UDT::ERROR || !control)
-        return Congestion::Udt;
-    return dynamic_cast<VeskCongestion*>(control) ? Congestion::Vesk : Congestion::Udt;
+        return nullptr;
+    return dynamic_cast<VeskCongestion*>(control);
+}
+
+} // namespace
+
+Congestion congestionOf(int socket) {
+    return veskControlOf(socket) ? Congestion::Vesk : Congestion::Udt;
+}
+
+qint64 peerArrivals(int socket) {
+    const VeskCongestion* control = veskControlOf(socket);
+    return control ? control->peerArrivals() : -1;
 }
 
 } // namespace net

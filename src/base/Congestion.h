@@ -80,6 +80,13 @@ public:
                qint64 smoothedRttUs = 0);
     // The peer reported `lostPackets` packets it has not seen.
     void onLoss(qint64 nowUs, qint64 lostPackets);
+    // The peer has received `arrived` data packets in all (resends included), as of `peerUs` on
+    // its own clock. UDT's acknowledgement is cumulative: behind a lost packet it stands still
+    // until the resend arrives, a round trip or more, while what follows the hole keeps
+    // arriving. On a lossy path that happens every round, and a rate read from acknowledgements
+    // alone lags the path's by as much. The peer's count keeps moving: rate samples take the
+    // larger of the two readings, and Startup's window grows with whichever has moved further.
+    void onArrivals(qint64 nowUs, qint64 arrived, qint64 peerUs);
     // Nothing was acknowledged for a while. UDT's peer reports a lost packet once; when the
     // resend is lost too, only this timeout recovers it, so a single one is no sign of
     // congestion. A second one in a row halves the rate and starts over.
@@ -95,6 +102,11 @@ public:
     double sendPeriodUs() const;
     // Packets that may be in flight.
     double windowPackets() const;
+    // The window to give UDT, which counts everything sent after the oldest unacknowledged
+    // packet as in flight: the window, plus what the peer reports has arrived beyond that
+    // packet. Without it, a hole held open by a lost resend stops the sender for as long as the
+    // resend takes, one round trip or more, however little is in flight.
+    double transportWindowPackets() const;
     // How long UDT waits without an acknowledgement before it sends everything unacknowledged
     // again, for the given smoothed round trip: UDT's own minimum is 300 ms, which on a short
     // lossy link leaves a lost resend's hole open (and the window stuck) for many round trips.
@@ -103,6 +115,8 @@ public:
 
 private:
     void takeRateSample(qint64 nowUs, qint64 ackedSentUs);
+    // Startup's window grows by what the peer has newly received, by either count.
+    void grow(qint64 progress);
     // `sampled`: the round also closed a rate sample.
     void endRound(qint64 nowUs, bool sampled);
     void updateMinRtt(qint64 nowUs, qint64 rttUs);
@@ -143,6 +157,13 @@ private:
     qint64 m_sampleStartUs = 0;
     qint64 m_sampleStartSentUs = 0; // when the newest packet acknowledged then was sent
     qint64 m_sampleDelivered = 0;
+    // The peer's own count of arrivals, and its clock, at the last report and at the start of
+    // the current sample (-1: no report then).
+    qint64 m_arrived = 0;
+    qint64 m_arrivedPeerUs = -1;
+    qint64 m_sampleStartArrived = 0;
+    qint64 m_sampleStartPeerUs = -1;
+    qint64 m_progress = 0; // the larger of delivered and arrived that Startup has grown by
     std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
     double m_bottleneckRate = 0.0;
 
@@ -174,8 +195,9 @@ public:
     static constexpr int kMaxTracked = 1 << 16;
 
     // A data packet `seq` arrived at `nowUs`. Packets skipped over are missing from now on and
-    // count as reported now (UDT has just reported the gap).
-    void onPacket(qint64 seq, qint64 nowUs);
+    // count as reported now (UDT has just reported the gap). False when the packet had arrived
+    // before (or its gap was too large to track).
+    bool onPacket(qint64 seq, qint64 nowUs);
 
     // The missing packets last reported at or before `nowUs - intervalUs`, at most `max` (the
     // longest waiting), in ascending order; they count as reported at `nowUs`.
@@ -205,6 +227,9 @@ std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wire
 bool useCongestion(int socket, Congestion congestion);
 // The control a connected socket runs.
 Congestion congestionOf(int socket);
+// Data packets the peer of a connected socket last reported as arrived; -1 when the socket runs
+// UDT's control, which has no such reports.
+qint64 peerArrivals(int socket);
 
 } // namespace net
 } // namespace VESK

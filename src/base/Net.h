@@ -15,9 +15,13 @@ namespace net {
 // UDT::startup() once per process; safe to call from anywhere, any number of times.
 void ensureStarted();
 
-// Data a connection can have in flight, and so what its buffers and flow window hold: a
-// bandwidth-delay product of 1 Gbit/s over half a second.
-constexpr int kWindowBytes = 64 * 1024 * 1024;
+// Data a connection can have unacknowledged, and so what its buffers and flow window hold:
+// 1 Gbit/s for a second and a half. UDT acknowledges cumulatively, so behind a lost packet
+// everything sent stays in both ends' buffers until the resend arrives; on a lossy 200 ms path a
+// resend that is lost too keeps a hole open for three round trips or more on top of the path's
+// own. The buffers take memory as data fills them; only an index of a pointer per packet is
+// allocated up front.
+constexpr int kWindowBytes = 192 * 1024 * 1024;
 
 // The packet size for a peer: the path MTU read from a connected UDP socket, at most 65000.
 int pathMss(const QString& host, quint16 port);
