@@ -452,6 +452,48 @@ private slots:
         QCOMPARE(model.windowPackets(), before + 128);
     }
 
+    // A backlog the peer's receiving thread takes in at once reads as a burst of arrivals: the
+    // sample counts it for no more than the rate packets left at.
+    void arrivalBurstsCountForNoMoreThanTheSendRate() {
+        Link link(2);
+        qint64 arrived = 0;
+        for (int i = 0; i < 100; ++i) {
+            link.now += 10'000;
+            link.model.onSent(500);
+            if (i >= 30 && i < 60)
+                arrived += 300; // the other 200 wait in a backlog
+            else if (i >= 60 && i < 63)
+                arrived += 500 + 2'000; // the backlog, taken in within 30 ms
+            else
+                arrived += 500;
+            link.model.onArrivals(link.now, arrived, link.now);
+            link.model.onAck(link.now, 500, 20'000, link.now - 20'000);
+        }
+        QVERIFY2(link.model.bottleneckRate() < 52'500,
+                 qPrintable(QString::number(link.model.bottleneckRate())));
+    }
+
+    // Counts and the peer's clock wrap at 32 bits; reports out of order are left out; after a
+    // long silence, in which the peer's clock may have gone round, local time stands in for it.
+    void arrivalReportsUnwrap() {
+        VESK::net::ArrivalReports reports;
+        QVERIFY(reports.accept(0xFFFFFF00u, 0xFFFFF000u, 1'000));
+        QCOMPARE(reports.arrived(), qint64(0xFFFFFF00u));
+        QCOMPARE(reports.peerUs(), qint64(0));
+        QVERIFY(reports.accept(0x100u, 0x1000u, 11'000)); // both wrapped
+        QCOMPARE(reports.arrived(), qint64(0xFFFFFF00u) + 0x200);
+        QCOMPARE(reports.peerUs(), qint64(0x2000));
+        QVERIFY(!reports.accept(0xF0u, 0x800u, 12'000));   // older: left out
+        QVERIFY(!reports.accept(0x180u, 0x1000u, 12'000)); // no later
+        QCOMPARE(reports.reports(), qint64(2));
+        // An hour later the peer's clock reads less than before (it went round): the local time
+        // since the last report stands in.
+        const qint64 later = 11'000 + 3'600LL * 1'000'000;
+        QVERIFY(reports.accept(0x300u, 0x10u, later));
+        QCOMPARE(reports.arrived(), qint64(0xFFFFFF00u) + 0x400);
+        QCOMPARE(reports.peerUs(), qint64(0x2000) + 3'600LL * 1'000'000);
+    }
+
     // Reports travel unreliably: one older than the last one changes nothing.
     void staleArrivalReportsAreIgnored() {
         Link link(2);

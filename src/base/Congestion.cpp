@@ -1,4 +1,5 @@
 #include "Congestion.h"
+#include "Net.h"
 
 #include <QLoggingCategory>
 
@@ -143,6 +144,7 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
             m_sampleStartSentUs = ackedSentUs;
             m_sampleStartArrived = m_arrived;
             m_sampleStartPeerUs = m_arrivedPeerUs;
+            m_sampleStartSent = m_sent;
         }
     }
     if (smoothedRttUs > 0)
@@ -221,12 +223,20 @@ void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
     if (ackedSentUs > 0 && m_sampleStartSentUs > 0)
         span = std::max(span, ackedSentUs - m_sampleStartSentUs);
     double rate = double(m_sampleDelivered) * 1e6 / double(span);
-    // The peer's clock times its arrivals, so bunched reports cannot inflate this reading; a
-    // span shorter than a sample's would mostly measure how the arrivals bunch.
+    // The peer's clock times its arrivals, so reports that travel bunched cannot inflate this
+    // reading; the peer's receiving thread can still take in a backlog at once, so the reading
+    // counts for no more than the rate at which packets left here meanwhile. A span shorter
+    // than a sample's would mostly measure how the arrivals bunch.
     const qint64 peerSpan = m_arrivedPeerUs - m_sampleStartPeerUs;
-    if (m_sampleStartPeerUs >= 0 && peerSpan >= kMinSampleUs)
-        rate = std::max(rate, double(m_arrived - m_sampleStartArrived) * 1e6 / double(peerSpan));
+    if (m_sampleStartPeerUs >= 0 && peerSpan >= kMinSampleUs) {
+        const double arrivedRate =
+            double(m_arrived - m_sampleStartArrived) * 1e6 / double(peerSpan);
+        const double sentRate = double(m_sent - m_sampleStartSent) * 1e6 /
+                                double(std::max<qint64>(nowUs - m_sampleStartUs, 1));
+        rate = std::max(rate, std::min(arrivedRate, sentRate));
+    }
     m_sampleStartUs = nowUs;
+    m_sampleStartSent = m_sent;
     m_sampleStartSentUs = ackedSentUs;
     m_sampleDelivered = 0;
     m_sampleStartArrived = m_arrived;
@@ -481,6 +491,27 @@ qint64 LossRepair::intervalFor(qint64 rttUs) {
     return rtt + std::max(rtt / 4, kAckPeriodUs);
 }
 
+bool ArrivalReports::accept(quint32 count, quint32 peerClock, qint64 nowUs) {
+    if (m_reports == 0) {
+        m_arrived = count;
+        m_peerUs = 0;
+    } else {
+        const qint32 moreArrived = qint32(count - m_lastCount);
+        qint64 later = qint32(peerClock - m_lastClock);
+        if (nowUs - m_lastLocalUs > kLongGapUs)
+            later = nowUs - m_lastLocalUs;
+        if (later <= 0 || moreArrived < 0)
+            return false;
+        m_arrived += moreArrived;
+        m_peerUs += later;
+    }
+    ++m_reports;
+    m_lastCount = count;
+    m_lastClock = peerClock;
+    m_lastLocalUs = nowUs;
+    return true;
+}
+
 std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wireBase) {
     const auto wire = [wireBase](qint64 seq) { return qint32((wireBase + seq) & 0x7FFFFFFF); };
     std::vector<qint32> entries;
@@ -572,7 +603,10 @@ private:
 // two of it.
 class SendTimes {
 public:
-    static constexpr int kSlots = 1 << 17; // more than a window holds on any path we pace for
+    // More packets than the flow window lets be unacknowledged, even with the smallest
+    // packets IPv4 promises to carry: a packet's slot is not reused while it may be in flight.
+    static constexpr int kSlots = 1 << 19;
+    static_assert(kSlots > kWindowBytes / (576 - 28), "the table must cover the whole window");
 
     SendTimes() = default;
     SendTimes(const SendTimes&) = delete;
@@ -702,32 +736,19 @@ public:
         trace("timeout", monotonicUs(), 0);
     }
 
-    // The sending side: the peer's count of arrivals (see RateModel::onArrivals()).
+    // The sending side: the peer's count of arrivals (see RateModel::onArrivals()). Any
+    // packet from the peer also restarts UDT's retransmission timeout, as its acknowledgements
+    // and loss reports do: while data arrives, a lost resend is recovered by the peer's repeated
+    // loss report (LossRepair); UDT's timeout remains for when nothing arrives any more.
     void processCustomMsg(const CPacket* packet) override {
         const std::vector<qint32> words = ControlPacket::userPayload(packet, kArrivalReport);
-        if (words.size() < 2)
+        const qint64 now = monotonicUs();
+        if (words.size() < 2 || !m_peer.accept(quint32(words[0]), quint32(words[1]), now))
             return;
-        const quint32 count = quint32(words[0]);
-        const quint32 at = quint32(words[1]);
-        if (m_peerReports > 0) {
-            // Both wrap at 32 bits; a report older than the last one is left out.
-            const qint32 moreArrived = qint32(count - m_peerLastCount);
-            const qint32 later = qint32(at - m_peerLastAt);
-            if (later <= 0 || moreArrived < 0)
-                return;
-            m_peerArrived += moreArrived;
-            m_peerUs += later;
-        } else {
-            m_peerArrived = count;
-            m_peerUs = 0;
-        }
-        ++m_peerReports;
-        m_peerLastCount = count;
-        m_peerLastAt = at;
-        m_peerArrivedShown.store(m_peerArrived, std::memory_order_relaxed);
-        m_model.onArrivals(monotonicUs(), m_peerArrived, m_peerUs);
+        m_peerArrivedShown.store(m_peer.arrived(), std::memory_order_relaxed);
+        m_model.onArrivals(now, m_peer.arrived(), m_peer.peerUs());
         apply();
-        trace("arrivals", monotonicUs(), m_peerArrived);
+        trace("arrivals", now, m_peer.arrived());
     }
 
     qint64 peerArrivals() const { return m_peerArrivedShown.load(std::memory_order_relaxed); }
@@ -760,15 +781,17 @@ private:
         if (!lcCongestion().isDebugEnabled())
             return;
         qCDebug(lcCongestion,
-                "%p %lld %s %lld phase=%d rate=%.0f window=%.0f period=%.2f rtt=%d "
-                "minrtt=%lld",
+                "%p %lld %s %lld phase=%d rate=%.0f window=%.0f udt-window=%.0f period=%.2f "
+                "rtt=%d minrtt=%lld",
                 static_cast<const void*>(this), nowUs, event, count, int(m_model.phase()),
-                m_model.bottleneckRate(), m_model.windowPackets(), m_model.sendPeriodUs(), m_iRTT,
-                m_model.minRtt());
+                m_model.bottleneckRate(), m_model.windowPackets(), m_model.transportWindowPackets(),
+                m_model.sendPeriodUs(), m_iRTT, m_model.minRtt());
     }
 
     // Counts a data packet that arrived for the first time, and tells the peer the count every
-    // report period.
+    // report period. UDT shows a packet here before it finds room for it in the receive buffer;
+    // one dropped for want of room (the flow window keeps the sender from causing that) counts
+    // as arrived here, and is left to UDT's own loss report and the sender's timeout.
     void reportArrival(bool fresh, qint64 now) {
         if (fresh)
             ++m_arrived;
@@ -838,12 +861,8 @@ private:
     qint64 m_epochUs = monotonicUs();
     quint32 m_arrived = 0;
     qint64 m_lastArrivalReportUs = 0;
-    qint64 m_peerReports = 0;
-    qint64 m_peerArrived = 0;
-    qint64 m_peerUs = 0;
-    quint32 m_peerLastCount = 0;
-    quint32 m_peerLastAt = 0;
-    std::atomic<qint64> m_peerArrivedShown{0}; // m_peerArrived, for other threads
+    ArrivalReports m_peer;
+    std::atomic<qint64> m_peerArrivedShown{0}; // m_peer.arrived(), for other threads
     std::atomic<int32_t> m_highestSent{-1};
     std::atomic<int32_t> m_firstSent{-1};
     int32_t m_countedSent = -1;

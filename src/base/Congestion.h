@@ -163,7 +163,8 @@ private:
     qint64 m_arrivedPeerUs = -1;
     qint64 m_sampleStartArrived = 0;
     qint64 m_sampleStartPeerUs = -1;
-    qint64 m_progress = 0; // the larger of delivered and arrived that Startup has grown by
+    qint64 m_sampleStartSent = 0; // packets sent when the sample started
+    qint64 m_progress = 0;        // the larger of delivered and arrived that Startup has grown by
     std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
     double m_bottleneckRate = 0.0;
 
@@ -196,7 +197,7 @@ public:
 
     // A data packet `seq` arrived at `nowUs`. Packets skipped over are missing from now on and
     // count as reported now (UDT has just reported the gap). False when the packet had arrived
-    // before (or its gap was too large to track).
+    // before, is older than the first one, or fell in a gap too large to track.
     bool onPacket(qint64 seq, qint64 nowUs);
 
     // The missing packets last reported at or before `nowUs - intervalUs`, at most `max` (the
@@ -217,6 +218,32 @@ private:
     // walking every missing packet on the receiving thread. Entries of packets that arrived
     // meanwhile are dropped when they come up.
     std::deque<std::pair<qint64, qint64>> m_reports;
+};
+
+// The sending side's reading of the peer's arrival reports (RateModel::onArrivals()): counts
+// and clock readings that wrap at 32 bits, unwrapped into totals that only grow.
+class ArrivalReports {
+public:
+    // Past this long without a report, the peer's clock (which wraps every 71 minutes) may have
+    // gone round: the local time since stands in for the time the peer's clock moved.
+    static constexpr qint64 kLongGapUs = 10LL * 60 * 1'000'000;
+
+    // A report of `count` arrivals at `peerClock` (the peer's microseconds), received at local
+    // `nowUs`. False, and left out, when it is no later than the last one taken: reports
+    // travel unreliably and may come out of order.
+    bool accept(quint32 count, quint32 peerClock, qint64 nowUs);
+
+    qint64 reports() const { return m_reports; }
+    qint64 arrived() const { return m_arrived; }
+    qint64 peerUs() const { return m_peerUs; } // 0 at the first report
+
+private:
+    qint64 m_reports = 0;
+    qint64 m_arrived = 0;
+    qint64 m_peerUs = 0;
+    quint32 m_lastCount = 0;
+    quint32 m_lastClock = 0;
+    qint64 m_lastLocalUs = 0;
 };
 
 // UDT loss-report entries for ascending unwrapped sequence numbers whose 0 is UDT's `wireBase`:

@@ -19,8 +19,8 @@ void ensureStarted();
 // 1 Gbit/s for a second and a half. UDT acknowledges cumulatively, so behind a lost packet
 // everything sent stays in both ends' buffers until the resend arrives; on a lossy 200 ms path a
 // resend that is lost too keeps a hole open for three round trips or more on top of the path's
-// own. The buffers take memory as data fills them; only an index of a pointer per packet is
-// allocated up front.
+// own. The buffers take memory as data fills them (only an index of a pointer per packet is
+// allocated up front) and keep it until the connection closes.
 constexpr int kWindowBytes = 192 * 1024 * 1024;
 
 // The packet size for a peer: the path MTU read from a connected UDP socket, at most 65000.
