@@ -160,7 +160,15 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
         const bool sampled = m_sampling && nowUs - m_sampleStartUs >= kMinSampleUs;
         if (sampled)
             takeRateSample(nowUs, ackedSentUs);
-        endRound(nowUs, sampled);
+        endRound(nowUs, sampled || m_sampledInRound);
+        m_sampledInRound = false;
+    } else if (m_firstStartup && m_sampling && m_minRttUs > 0 &&
+               nowUs - m_sampleStartUs >=
+                   std::max(kMinSampleUs, m_minRttUs / kFirstStartupSamplesPerRound)) {
+        // The estimate bounds Startup's window: sampled only at the end of each round, it
+        // trails a rate that triples in a round by a whole one.
+        takeRateSample(nowUs, ackedSentUs);
+        m_sampledInRound = true;
     }
 
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
@@ -206,8 +214,9 @@ void RateModel::grow(qint64 progress) {
     if (progress <= m_progress)
         return;
     if (m_phase == Phase::Startup)
-        m_startupWindow =
-            std::min(m_startupWindow + double(progress - m_progress), startupWindowCap());
+        m_startupWindow = std::min(m_startupWindow + (m_firstStartup ? kFirstStartupGrowth : 1.0) *
+                                                         double(progress - m_progress),
+                                   startupWindowCap());
     m_progress = progress;
 }
 
@@ -346,6 +355,7 @@ void RateModel::endCycle(qint64 nowUs) {
 }
 
 void RateModel::enter(Phase phase, qint64 nowUs) {
+    m_firstStartup = false;
     m_phase = phase;
     m_phaseStartUs = nowUs;
     m_cycleStartUs = nowUs;
