@@ -5,6 +5,7 @@
 
 #include "Support.h"
 #include "base/Net.h"
+#include "base/Protocol.h"
 #include "base/VeskBase.h"
 #include "base/Wire.h"
 
@@ -30,6 +31,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <netinet/in.h>
 #include <pty.h>
@@ -444,52 +446,92 @@ QString userUrl(const QString& user, quint16 port, const QString& rest) {
     return QString("vesk://%1@127.0.0.1:%2/%3").arg(user).arg(port).arg(rest);
 }
 
-// A server that challenges like a real one but cannot prove the secret: it answers the
-// client's proof with a proof of its own that is wrong. Records whether the client then sent
-// anything at all.
-class ImpostorServer {
+// Listens on a port of its own on the loopback and talks with the first client that connects,
+// on a thread of its own; then closes the connection once what it sent has gone.
+class OneConnectionServer {
 public:
-    ImpostorServer() {
+    explicit OneConnectionServer(std::function<void(int socket)> talk) {
         m_listener = VESK::net::listenOn("127.0.0.1", 0, &m_port);
-        m_thread = std::thread([this] { serve(); });
+        m_thread = std::thread([this, talk] {
+            QString peer;
+            VESK::net::Socket socket(VESK::net::acceptOn(m_listener, &peer));
+            if (!socket.valid())
+                return;
+            talk(socket.get());
+            VESK::net::drainAndClose(socket.release());
+        });
     }
-    ~ImpostorServer() {
+    ~OneConnectionServer() {
         VESK::net::Socket listener(m_listener);
         listener.reset();
         m_thread.join();
     }
     quint16 port() const { return m_port; }
+
+private:
+    int m_listener = -1;
+    quint16 m_port = 0;
+    std::thread m_thread;
+};
+
+bool sendParams(int socket, quint32 number, const VESK::ParamMap& params) {
+    return VESK::wire::sendFrame(socket, number, VESK::VeskBase::serializeParam(params).toUtf8());
+}
+
+// The number of the next message, read within `timeoutMs`; 0 when none came.
+quint32 nextMessageWithin(int socket, int timeoutMs) {
+    VESK::net::setReceiveTimeout(socket, timeoutMs);
+    quint32 number = 0;
+    QByteArray body;
+    return VESK::wire::recvFrame(socket, number, body) ? number : 0;
+}
+
+// A server that challenges like a real one but cannot prove the secret: it answers the
+// client's proof with a proof of its own that is wrong. Records whether the client then sent
+// anything at all.
+class ImpostorServer {
+public:
+    quint16 port() const { return m_server.port(); }
     bool challenged() const { return m_challenged; }
     bool sentMore() const { return m_sentMore; }
 
 private:
-    void serve() {
-        QString peer;
-        VESK::net::Socket socket(VESK::net::acceptOn(m_listener, &peer));
-        if (!socket.valid())
+    void talk(int socket) {
+        if (nextMessageWithin(socket, 10000) != 1)
             return;
-        VESK::net::setReceiveTimeout(socket.get(), 10000);
-        quint32 number = 0;
-        QByteArray body;
-        if (!VESK::wire::recvFrame(socket.get(), number, body) || number != 1)
-            return;
-        const VESK::ParamMap challenge{
-            {"accepted", "challenge"}, {"method", "hmac-sha256"}, {"nonce", QString(64, '7')}};
-        VESK::wire::sendFrame(socket.get(), 2, VESK::VeskBase::serializeParam(challenge).toUtf8());
-        if (!VESK::wire::recvFrame(socket.get(), number, body) || number != 3)
+        sendParams(
+            socket, 2,
+            {{"accepted", "challenge"}, {"method", "hmac-sha256"}, {"nonce", QString(64, '7')}});
+        if (nextMessageWithin(socket, 10000) != 3)
             return;
         m_challenged = true;
-        const VESK::ParamMap outcome{{"accepted", "true"}, {"proof", QString(64, '0')}};
-        VESK::wire::sendFrame(socket.get(), 4, VESK::VeskBase::serializeParam(outcome).toUtf8());
-        VESK::net::setReceiveTimeout(socket.get(), 5000);
-        m_sentMore = VESK::wire::recvFrame(socket.get(), number, body);
+        sendParams(socket, 4, {{"accepted", "true"}, {"proof", QString(64, '0')}});
+        m_sentMore = nextMessageWithin(socket, 5000) != 0;
     }
 
-    int m_listener = -1;
-    quint16 m_port = 0;
     std::atomic<bool> m_challenged{false};
     std::atomic<bool> m_sentMore{false};
-    std::thread m_thread;
+    OneConnectionServer m_server{[this](int socket) { talk(socket); }};
+};
+
+// A server that reads a client's hello and then waits for whatever comes next before it answers
+// at all; then it refuses the connection as an over-full server does.
+class LateAnsweringServer {
+public:
+    quint16 port() const { return m_server.port(); }
+    // The number of the message that came right behind the hello; 0 when none did.
+    quint32 nextMessage() const { return m_next; }
+
+private:
+    void talk(int socket) {
+        if (nextMessageWithin(socket, 5000) != 1)
+            return;
+        m_next = nextMessageWithin(socket, 5000);
+        sendParams(socket, 2, {{"accepted", "false"}, {"errorType", "TooManyConnections"}});
+    }
+
+    std::atomic<quint32> m_next{0};
+    OneConnectionServer m_server{[this](int socket) { talk(socket); }};
 };
 
 } // namespace
@@ -1588,6 +1630,39 @@ private slots:
             !server.waitForLine(QRegularExpression(" - - 0 bytes [0-9.]+ s failed: no TaskParam: "))
                  .isEmpty());
         QCOMPARE(runVesk({"mkdir", server.url("appA/in")}).code, 0);
+        QCOMPARE(server.stop(), 0);
+    }
+
+    // A client with no secret sends its task right behind the hello, a round trip earlier; a
+    // refusal that comes after it is still reported as the refusal it is.
+    void clientWithoutASecretSendsItsTaskBeforeTheAnswer() {
+        Scratch s;
+        LateAnsweringServer server;
+        QVERIFY(server.port() != 0);
+        const Run run = runVesk({"ls", QString("vesk://127.0.0.1:%1/appA").arg(server.port())},
+                                30000, {{"XDG_CONFIG_HOME", s.local()}, {"VESK_SECRET_FILE", ""}});
+        QCOMPARE(server.nextMessage(), quint32(VESK::protocol::kTaskParam));
+        QCOMPARE(run.code, 1);
+        QCOMPARE(run.err, QString("vesk: server refused: it is serving as many connections as "
+                                  "it allows; try again later\n"));
+    }
+
+    // Connections beyond the server's limit are refused after their task went out; the copies
+    // that meet the refusal wait for a place and try again.
+    void parallelCopiesBeyondTheLimitWaitForAPlace() {
+        Scratch s;
+        ServeProcess server(s.mount(), {"--max-per-address", "2"});
+        QVERIFY(server.start());
+        const QString tree = s.appA() + "/many";
+        QVERIFY(QDir().mkpath(tree));
+        for (int i = 0; i < 24; ++i)
+            QVERIFY(writePatternFile(QString("%1/f%2.bin").arg(tree).arg(i), 2048, i));
+        const QString back = s.local() + "/many";
+        const Run run = runVeskBeside(
+            server, {"download", "-r", "-j", "6", server.url("appA/many"), back}, 120000);
+        QVERIFY2(run.code == 0 && run.err.contains("24 files: 24 copied"),
+                 qPrintable(run.err.right(2000)));
+        QVERIFY(treesAreEqual(tree, back));
         QCOMPARE(server.stop(), 0);
     }
 

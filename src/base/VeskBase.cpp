@@ -319,10 +319,25 @@ void VeskBase::setReceivedFrame(int messageNumber, const QByteArray& body) {
     m_receivedBody = body;
 }
 
+void VeskBase::setBeforeFirstRecv(std::function<bool()> gate) {
+    m_beforeFirstRecv = std::move(gate);
+}
+
 bool VeskBase::recv(int messageNumber, QString& text) {
     QString error;
     quint32 number = 0;
     QByteArray body;
+    if (m_beforeFirstRecv && m_receivedNumber < 0) {
+        const std::function<bool()> gate = std::move(m_beforeFirstRecv);
+        m_beforeFirstRecv = nullptr;
+        if (!gate()) {
+            log("error", QStringLiteral("recv: message %1: the server did not accept the "
+                                        "connection")
+                             .arg(messageNumber));
+            record(MessageEvent::Direction::Received, messageNumber, MessageEvent::Result::Failed);
+            return false;
+        }
+    }
     if (m_receivedNumber >= 0) {
         number = quint32(m_receivedNumber);
         body = m_receivedBody;

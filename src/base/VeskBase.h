@@ -12,6 +12,7 @@
 #include <QVector>
 
 #include <atomic>
+#include <functional>
 
 namespace VESK {
 
@@ -92,6 +93,11 @@ public:
     // handler runs: the next recv() returns this frame instead of reading the socket.
     void setReceivedFrame(int messageNumber, const QByteArray& body);
 
+    // For a client host that lets the handler send its task before the server has answered the
+    // host's own greeting: `gate` runs once, before the first recv() reads the socket, and reads
+    // that answer; when it returns false, that recv() fails.
+    void setBeforeFirstRecv(std::function<bool()> gate);
+
     // The integer a handler passes for an empty "fileMod"/"dirMod": keep the created mode.
     static constexpr int kModeNotConfigured = 777;
 
@@ -140,6 +146,7 @@ private:
     // A frame the host already read (setReceivedFrame); number -1 when there is none.
     int m_receivedNumber = -1;
     QByteArray m_receivedBody;
+    std::function<bool()> m_beforeFirstRecv; // see setBeforeFirstRecv
 };
 
 } // namespace VESK

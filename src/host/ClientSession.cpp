@@ -51,26 +51,13 @@ void configure(VeskBase* handler, const ClientTask& task, int socket, qint64* to
     }
 }
 
-// Connects, greets the server and returns the socket; on failure prints why and returns an
-// invalid socket. A refusal for want of a free place is left to the caller (`busy`).
-net::Socket tryConnection(const ClientTask& task, VeskBase* handler, QString* busy) {
-    QString error;
-    net::Socket socket(net::connectTo(task.url.host, task.url.port, &error));
-    if (!socket.valid()) {
-        printErr("vesk: " + error);
-        return socket;
-    }
-    if (!net::limitSendRate(socket.get(), task.maxRate)) {
-        printErr(QString("vesk: cannot limit the send rate: %1")
-                     .arg(QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage())));
-        return net::Socket();
-    }
-    QString protocol, version, errorType;
-    splitProtocolKey(handler->getKey(), &protocol, &version);
-    switch (clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error,
-                        task.askedRate)) {
+// Says why the hello did not let the task through, unless it is a refusal for want of a free
+// place that the task may wait out: that is left to the caller (`busy`).
+void reportHello(HelloResult outcome, const QString& errorType, const QString& error,
+                 const ClientTask& task, QString* busy) {
+    switch (outcome) {
     case HelloResult::Accepted:
-        return socket;
+        break;
     case HelloResult::SecretNeeded:
         printErr("vesk: the server requires authentication; give --secret-file");
         break;
@@ -92,26 +79,57 @@ net::Socket tryConnection(const ClientTask& task, VeskBase* handler, QString* bu
                      .arg(hostPortText(task.url.host, task.url.port), error));
         break;
     }
-    return net::Socket();
 }
 
-// Connects and greets the server; see tryConnection.
-net::Socket openConnection(const ClientTask& task, VeskBase* handler) {
-    QElapsedTimer waiting;
-    waiting.start();
-    for (int attempt = 1;; ++attempt) {
-        QString busy;
-        net::Socket socket = tryConnection(task, handler, &busy);
-        // Connections this process just closed may still hold their places on the server for
-        // a moment; a task that may wait for a place tries again shortly.
-        if (socket.valid() || busy.isEmpty() || waiting.elapsed() >= task.waitForPlaceMs ||
-            (task.sharedInterrupts && task.sharedInterrupts->load() > 0)) {
-            if (!socket.valid() && !busy.isEmpty())
-                printErr("vesk: " + refusalSentence(busy, task.url, task.op));
-            return socket;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::min(20 * attempt, 500)));
+// The server's answer to a hello whose task went out behind it without waiting (see
+// mayPipelineTask), read by whichever comes first: the handler's first receive, or the session
+// once a handler that never received returns.
+struct PendingAnswer {
+    bool pending = false;
+    HelloResult outcome = HelloResult::Accepted;
+    QString errorType;
+    QString error;
+
+    bool read(int socket) {
+        if (!pending)
+            return outcome == HelloResult::Accepted;
+        pending = false;
+        outcome = readHelloAnswer(socket, &errorType, &error);
+        return outcome == HelloResult::Accepted;
     }
+};
+
+// Connects and greets the server. Returns the socket, else an invalid one after saying why (a
+// refusal for want of a free place goes to `busy` instead, see reportHello). A client that may
+// send its task before the answer (`answer`) only sends the hello.
+net::Socket tryConnection(const ClientTask& task, VeskBase* handler, PendingAnswer* answer,
+                          QString* busy) {
+    QString error;
+    net::Socket socket(net::connectTo(task.url.host, task.url.port, &error));
+    if (!socket.valid()) {
+        printErr("vesk: " + error);
+        return socket;
+    }
+    if (!net::limitSendRate(socket.get(), task.maxRate)) {
+        printErr(QString("vesk: cannot limit the send rate: %1")
+                     .arg(QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage())));
+        return net::Socket();
+    }
+    QString protocol, version, errorType;
+    splitProtocolKey(handler->getKey(), &protocol, &version);
+    HelloResult outcome = HelloResult::Accepted;
+    if (mayPipelineTask(task.credentials)) {
+        answer->pending = true;
+        if (!sendHello(socket.get(), protocol, version, task.askedRate, &error))
+            outcome = HelloResult::Failed;
+    } else {
+        outcome = clientHello(socket.get(), protocol, version, task.credentials, &errorType, &error,
+                              task.askedRate);
+    }
+    if (outcome == HelloResult::Accepted)
+        return socket;
+    reportHello(outcome, errorType, error, task, busy);
+    return net::Socket();
 }
 
 // Runs process() on a worker thread while this thread draws progress. Ctrl-C pauses the
@@ -242,22 +260,24 @@ void printChunk(const QMap<QString, QString>& chunk, bool json) {
         writeOut(text);
 }
 
-int runTask(const ClientTask& task, TaskResult& result) {
-    PluginLoader loader(task.plugins);
-    QString error;
-    if (!loader.load(&error)) {
-        printErr("vesk: " + error);
-        return kExitFailed;
-    }
+namespace {
+
+// One attempt at the task: connect, greet, run the handler. Returns -1 when the task ran, else
+// the exit status of a failure before it could (already printed, except a refusal for want of
+// a place, which goes to `busy`).
+int attemptTask(PluginLoader& loader, const ClientTask& task, TaskResult& result, QString* busy) {
     PluginLoader::Handler handler = loader.create();
+    PendingAnswer answer;
     // Drained and closed when this returns, once the task is over.
-    net::Socket socket = openConnection(task, handler.get());
+    net::Socket socket = tryConnection(task, handler.get(), &answer, busy);
     if (!socket.valid())
         return kExitFailed;
 
     qint64 total = 0;
     qint64 offset = 0;
     configure(handler.get(), task, socket.get(), &total, &offset);
+    const int socketId = socket.get();
+    handler->setBeforeFirstRecv([&answer, socketId] { return answer.read(socketId); });
     TaskLog log(handler.get());
     if (task.op == QLatin1String("list") && task.onList) {
         const auto onList = task.onList;
@@ -276,6 +296,15 @@ int runTask(const ClientTask& task, TaskResult& result) {
     QElapsedTimer clock;
     clock.start();
     result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
+    // A handler that failed before it received anything may have failed because the server
+    // refused the connection and closed it: its answer says why. A stopped task is what it is.
+    const bool stopped = result.interrupted || result.stalled;
+    if (!result.ok && !stopped)
+        answer.read(socket.get());
+    if (answer.outcome != HelloResult::Accepted && !stopped) {
+        reportHello(answer.outcome, answer.errorType, answer.error, task, busy);
+        return kExitFailed;
+    }
     result.seconds = double(clock.elapsed()) / 1000.0;
     result.lastError = handler->getLastError();
     result.messages = handler->messageRecord();
@@ -287,6 +316,34 @@ int runTask(const ClientTask& task, TaskResult& result) {
     // What this run moved, from where the server's offer let it start.
     result.moved = std::max<qint64>(0, offset - result.beginOffset);
     return -1;
+}
+
+} // namespace
+
+int runTask(const ClientTask& task, TaskResult& result) {
+    PluginLoader loader(task.plugins);
+    QString error;
+    if (!loader.load(&error)) {
+        printErr("vesk: " + error);
+        return kExitFailed;
+    }
+    QElapsedTimer waiting;
+    waiting.start();
+    for (int attempt = 1;; ++attempt) {
+        QString busy;
+        result = TaskResult();
+        const int status = attemptTask(loader, task, result, &busy);
+        // Connections this process just closed may still hold their places on the server for
+        // a moment; a task that may wait for a place tries again shortly.
+        if (busy.isEmpty())
+            return status;
+        if (waiting.elapsed() >= task.waitForPlaceMs ||
+            (task.sharedInterrupts && task.sharedInterrupts->load() > 0)) {
+            printErr("vesk: " + refusalSentence(busy, task.url, task.op));
+            return kExitFailed;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::min(20 * attempt, 500)));
+    }
 }
 
 } // namespace host

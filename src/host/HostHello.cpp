@@ -33,9 +33,12 @@ bool recvMap(int socket, quint32 expected, const QDeadlineTimer& deadline, Param
         wire::Received::Frame)
         return false;
     if (number != expected) {
+        // A client without a secret sends its task right behind message 1 (mayPipelineTask).
         if (error)
-            *error = QString("expected message %1, got %2")
-                         .arg(QString::number(expected), QString::number(number));
+            *error = number == protocol::kTaskParam
+                         ? QString("it has no secret and sent its task")
+                         : QString("expected message %1, got %2")
+                               .arg(QString::number(expected), QString::number(number));
         return false;
     }
     map = VeskBase::unSerializeParam(QString::fromUtf8(body));
@@ -103,23 +106,20 @@ void splitProtocolKey(const QString& key, QString* protocol, QString* version) {
     *version = dash < 0 ? QString() : key.mid(dash + 1);
 }
 
-HelloResult clientHello(int socket, const QString& protocol, const QString& version,
-                        const ClientCredentials& credentials, QString* errorType, QString* error,
-                        qint64 maxRate) {
+bool sendHello(int socket, const QString& protocol, const QString& version, qint64 maxRate,
+               QString* error) {
     ParamMap hello{{"protocol", protocol}, {"version", version}};
     if (maxRate > 0)
         hello.insert("maxRate", QString::number(maxRate));
-    if (!sendMap(socket, kHelloMessage, hello, error))
-        return HelloResult::Failed;
-    const QDeadlineTimer deadline(kHelloTimeoutMs);
-    ParamMap answer;
-    if (!recvMap(socket, kHelloAnswerMessage, deadline, answer, error))
-        return HelloResult::Failed;
-    const QString accepted = answer.value("accepted");
-    if (accepted == kChallenge)
-        return answerChallenge(socket, answer, protocol, version, credentials, deadline, errorType,
-                               error);
-    if (accepted == QLatin1String("true")) {
+    return sendMap(socket, kHelloMessage, hello, error);
+}
+
+namespace {
+
+// Message 2 other than a challenge.
+HelloResult judgeAnswer(const ParamMap& answer, const ClientCredentials& credentials,
+                        QString* errorType, QString* error) {
+    if (answer.value("accepted") == QLatin1String("true")) {
         if (credentials.mustProve) {
             if (error)
                 *error = QString("it accepted without proving that it knows the secret");
@@ -130,6 +130,36 @@ HelloResult clientHello(int socket, const QString& protocol, const QString& vers
     if (errorType)
         *errorType = answer.value("errorType");
     return HelloResult::Refused;
+}
+
+} // namespace
+
+HelloResult clientHello(int socket, const QString& protocol, const QString& version,
+                        const ClientCredentials& credentials, QString* errorType, QString* error,
+                        qint64 maxRate) {
+    if (!sendHello(socket, protocol, version, maxRate, error))
+        return HelloResult::Failed;
+    const QDeadlineTimer deadline(kHelloTimeoutMs);
+    ParamMap answer;
+    if (!recvMap(socket, kHelloAnswerMessage, deadline, answer, error))
+        return HelloResult::Failed;
+    if (answer.value("accepted") == kChallenge)
+        return answerChallenge(socket, answer, protocol, version, credentials, deadline, errorType,
+                               error);
+    return judgeAnswer(answer, credentials, errorType, error);
+}
+
+bool mayPipelineTask(const ClientCredentials& credentials) {
+    return credentials.secret.isEmpty() && !credentials.mustProve;
+}
+
+HelloResult readHelloAnswer(int socket, QString* errorType, QString* error) {
+    ParamMap answer;
+    if (!recvMap(socket, kHelloAnswerMessage, QDeadlineTimer(kHelloTimeoutMs), answer, error))
+        return HelloResult::Failed;
+    if (answer.value("accepted") == kChallenge)
+        return HelloResult::SecretNeeded;
+    return judgeAnswer(answer, ClientCredentials(), errorType, error);
 }
 
 bool readHello(int socket, const QDeadlineTimer& deadline, QString* protocol, QString* version,

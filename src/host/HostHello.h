@@ -3,7 +3,8 @@
 // The host hello, exchanged before any handler runs. The client names the protocol and version
 // it speaks (message 1); the server accepts or refuses (message 2). A refused connection is
 // closed by the server right after its answer, so an over-full or mismatched server never
-// leaves a client hanging.
+// leaves a client hanging. A client without a secret does not wait for message 2: its handler
+// sends the task right behind message 1 and reads message 2 before the task's answer.
 //
 // A server that authenticates its users answers message 1 with a challenge instead, and both
 // sides prove that they hold the user's secret without sending it:
@@ -74,6 +75,18 @@ enum class HelloResult {
 HelloResult clientHello(int socket, const QString& protocol, const QString& version,
                         const ClientCredentials& credentials, QString* errorType, QString* error,
                         qint64 maxRate = 0);
+
+// A client with nothing to prove and nothing to check (no secret, no user that the server must
+// prove it knows) sends its task right behind message 1 instead of waiting a round trip for
+// message 2: whatever answers gets the task either way, and a server that refuses the
+// connection closes it without reading the task.
+bool mayPipelineTask(const ClientCredentials& credentials);
+// Client side, message 1 alone, for such a client; clientHello() sends it too.
+bool sendHello(int socket, const QString& protocol, const QString& version, qint64 maxRate,
+               QString* error);
+// Such a client's reading of message 2, within the hello time limit from now: Accepted, Refused,
+// SecretNeeded for a challenge, or Failed.
+HelloResult readHelloAnswer(int socket, QString* errorType, QString* error);
 
 // Server side: reads a client's hello before `deadline`; `maxRate` (when given) receives the
 // rate the client asked for, 0 when it asked for none or sent no valid number.
