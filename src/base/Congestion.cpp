@@ -162,9 +162,11 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
         // The estimate bounds Startup's window: sampled at the end of each round, it trails a
         // rate that triples in a round by a whole one. Shorter readings raise the bound sooner;
         // they stay out of the estimate, as a span this short may catch the peer taking in a
-        // backlog at once.
-        m_startupReadingRate =
-            std::max(m_startupReadingRate, rateSince(m_reading, nowUs, ackedSentUs));
+        // backlog at once, and count for no more than a round that tripled would deliver.
+        double reading = rateSince(m_reading, nowUs, ackedSentUs);
+        if (m_bottleneckRate > 0.0)
+            reading = std::min(reading, (1.0 + kFirstStartupGrowth) * m_bottleneckRate);
+        m_startupReadingRate = std::max(m_startupReadingRate, reading);
         m_reading = sampleStartHere(nowUs, ackedSentUs);
     }
 

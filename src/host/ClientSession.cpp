@@ -17,6 +17,7 @@
 
 #include <udt/udt.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
@@ -101,9 +102,9 @@ struct PendingAnswer {
 
 // Connects and greets the server. Returns the socket, else an invalid one after saying why (a
 // refusal for want of a free place goes to `busy` instead, see reportHello). A client that may
-// send its task before the answer (`answer`) only sends the hello.
-net::Socket tryConnection(const ClientTask& task, VeskBase* handler, PendingAnswer* answer,
-                          QString* busy) {
+// send its task before the answer, when `pipeline` allows it, only sends the hello (`answer`).
+net::Socket tryConnection(const ClientTask& task, VeskBase* handler, bool pipeline,
+                          PendingAnswer* answer, QString* busy) {
     QString error;
     net::Socket socket(net::connectTo(task.url.host, task.url.port, &error));
     if (!socket.valid()) {
@@ -118,7 +119,7 @@ net::Socket tryConnection(const ClientTask& task, VeskBase* handler, PendingAnsw
     QString protocol, version, errorType;
     splitProtocolKey(handler->getKey(), &protocol, &version);
     HelloResult outcome = HelloResult::Accepted;
-    if (mayPipelineTask(task.credentials)) {
+    if (pipeline && mayPipelineTask(task.credentials)) {
         answer->pending = true;
         if (!sendHello(socket.get(), protocol, version, task.askedRate, &error))
             outcome = HelloResult::Failed;
@@ -262,14 +263,23 @@ void printChunk(const QMap<QString, QString>& chunk, bool json) {
 
 namespace {
 
-// One attempt at the task: connect, greet, run the handler. Returns -1 when the task ran, else
-// the exit status of a failure before it could (already printed, except a refusal for want of
-// a place, which goes to `busy`).
-int attemptTask(PluginLoader& loader, const ClientTask& task, TaskResult& result, QString* busy) {
-    PluginLoader::Handler handler = loader.create();
+bool sentAMessage(const QVector<MessageEvent>& record) {
+    return std::any_of(record.begin(), record.end(), [](const MessageEvent& event) {
+        return event.direction == MessageEvent::Direction::Sent &&
+               event.result == MessageEvent::Result::Ok;
+    });
+}
+
+// One attempt at the task: connect, greet, run the handler (see tryConnection for `pipeline`).
+// Returns -1 when the task ran, else the exit status of a failure before it could (already
+// printed, except a refusal for want of a place, which goes to `busy`).
+int attemptTask(PluginLoader& loader, const ClientTask& task, bool pipeline, TaskResult& result,
+                QString* busy) {
+    // Outlives the handler, whose first receive may read it.
     PendingAnswer answer;
+    PluginLoader::Handler handler = loader.create();
     // Drained and closed when this returns, once the task is over.
-    net::Socket socket = tryConnection(task, handler.get(), &answer, busy);
+    net::Socket socket = tryConnection(task, handler.get(), pipeline, &answer, busy);
     if (!socket.valid())
         return kExitFailed;
 
@@ -296,10 +306,11 @@ int attemptTask(PluginLoader& loader, const ClientTask& task, TaskResult& result
     QElapsedTimer clock;
     clock.start();
     result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
-    // A handler that failed before it received anything may have failed because the server
-    // refused the connection and closed it: its answer says why. A stopped task is what it is.
+    // The answer to the hello, when the handler did not read it: a handler that failed before
+    // it sent anything failed on its own; otherwise a refusal (the server closes the connection
+    // without reading the task) says what became of the task. A stopped task is what it is.
     const bool stopped = result.interrupted || result.stalled;
-    if (!result.ok && !stopped)
+    if (!stopped && (result.ok || sentAMessage(handler->messageRecord())))
         answer.read(socket.get());
     if (answer.outcome != HelloResult::Accepted && !stopped) {
         reportHello(answer.outcome, answer.errorType, answer.error, task, busy);
@@ -332,7 +343,10 @@ int runTask(const ClientTask& task, TaskResult& result) {
     for (int attempt = 1;; ++attempt) {
         QString busy;
         result = TaskResult();
-        const int status = attemptTask(loader, task, result, &busy);
+        // After a refusal for want of a place the task waits for the answer before it goes
+        // out: a full server is likely still full, and a task may do work before it is sent
+        // (the verify value of a file to upload).
+        const int status = attemptTask(loader, task, attempt == 1, result, &busy);
         // Connections this process just closed may still hold their places on the server for
         // a moment; a task that may wait for a place tries again shortly.
         if (busy.isEmpty())

@@ -24,21 +24,21 @@ bool sendMap(int socket, quint32 number, const ParamMap& map, QString* error) {
     return wire::sendFrame(socket, number, VeskBase::serializeParam(map).toUtf8(), error);
 }
 
-// Reads message `expected` before `deadline` and parses it as a parameter map.
+// Reads message `expected` before `deadline` and parses it as a parameter map. `got` receives
+// the number of the message that came, when one did.
 bool recvMap(int socket, quint32 expected, const QDeadlineTimer& deadline, ParamMap& map,
-             QString* error) {
+             QString* error, quint32* got = nullptr) {
     quint32 number = 0;
     QByteArray body;
     if (wire::recvFrameWithin(socket, deadline, kMaxHelloBytes, number, body, error) !=
         wire::Received::Frame)
         return false;
+    if (got)
+        *got = number;
     if (number != expected) {
-        // A client without a secret sends its task right behind message 1 (mayPipelineTask).
         if (error)
-            *error = number == protocol::kTaskParam
-                         ? QString("it has no secret and sent its task")
-                         : QString("expected message %1, got %2")
-                               .arg(QString::number(expected), QString::number(number));
+            *error = QString("expected message %1, got %2")
+                         .arg(QString::number(expected), QString::number(number));
         return false;
     }
     map = VeskBase::unSerializeParam(QString::fromUtf8(body));
@@ -203,9 +203,15 @@ AuthResult authenticateClient(int socket, const QDeadlineTimer& deadline,
     const ParamMap challenge{
         {"accepted", kChallenge}, {"method", kMethod}, {"nonce", hex(serverNonce)}};
     ParamMap response;
-    if (!sendMap(socket, kHelloAnswerMessage, challenge, error) ||
-        !recvMap(socket, kAuthResponseMessage, deadline, response, error))
+    quint32 got = 0;
+    if (!sendMap(socket, kHelloAnswerMessage, challenge, error))
         return AuthResult::Failed;
+    if (!recvMap(socket, kAuthResponseMessage, deadline, response, error, &got)) {
+        // A client without a secret sends its task right behind message 1 (mayPipelineTask).
+        if (got == protocol::kTaskParam && error)
+            *error = QString("it has no secret and sent its task");
+        return AuthResult::Failed;
+    }
     *user = response.value("user");
     const QByteArray clientNonce = fromHex(response.value("nonce"), kNonceBytes);
     const QByteArray clientProof = fromHex(response.value("proof"), 32);
