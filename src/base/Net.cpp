@@ -495,6 +495,15 @@ void drainAndClose(int socket, int timeoutMs) {
     UDT::close(socket);
 }
 
+bool waitForPeerClose(int socket, int timeoutMs) {
+    for (int waited = 0; waited < timeoutMs; waited += 5) {
+        if (UDT::getsockstate(socket) != CONNECTED)
+            return true;
+        QThread::msleep(5);
+    }
+    return UDT::getsockstate(socket) != CONNECTED;
+}
+
 Socket& Socket::operator=(Socket&& other) noexcept {
     if (this != &other)
         reset(other.release());

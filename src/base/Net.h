@@ -73,6 +73,9 @@ bool limitSendRate(int socket, qint64 bytesPerSecond);
 // linger this is what keeps the last control message from being cut off.
 void drainAndClose(int socket, int timeoutMs = 5000);
 
+// Waits (at most `timeoutMs`) until the peer has closed the connection; false when it has not.
+bool waitForPeerClose(int socket, int timeoutMs);
+
 // Owns one UDT socket and closes it (after draining) when it goes out of scope.
 class Socket {
 public:

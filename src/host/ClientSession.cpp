@@ -34,6 +34,8 @@ namespace {
 constexpr int kPollMs = 100;
 // How long after a first Ctrl-C the process stays, so that a second one can still cancel.
 constexpr int kSecondInterruptMs = 2000;
+// How long a download that moved nothing waits for the server to close first.
+constexpr int kPeerCloseWaitMs = 2000;
 
 void configure(VeskBase* handler, const ClientTask& task, int socket, qint64* total,
                qint64* offset) {
@@ -263,10 +265,11 @@ void printChunk(const QMap<QString, QString>& chunk, bool json) {
 
 namespace {
 
-bool sentAMessage(const QVector<MessageEvent>& record) {
+// Whether the handler tried to send anything; a send that failed counts (a server that refused
+// the connection may have closed it already).
+bool triedToSend(const QVector<MessageEvent>& record) {
     return std::any_of(record.begin(), record.end(), [](const MessageEvent& event) {
-        return event.direction == MessageEvent::Direction::Sent &&
-               event.result == MessageEvent::Result::Ok;
+        return event.direction == MessageEvent::Direction::Sent;
     });
 }
 
@@ -307,21 +310,28 @@ int attemptTask(PluginLoader& loader, const ClientTask& task, bool pipeline, Tas
     clock.start();
     result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
     // The answer to the hello, when the handler did not read it: a handler that failed before
-    // it sent anything failed on its own; otherwise a refusal (the server closes the connection
-    // without reading the task) says what became of the task. A stopped task is what it is.
+    // it tried to send anything failed on its own; otherwise a refusal (the server closes the
+    // connection without reading the task) says what became of the task. A stopped task is
+    // what it is.
     const bool stopped = result.interrupted || result.stalled;
-    if (!stopped && (result.ok || sentAMessage(handler->messageRecord())))
+    if (!stopped && (result.ok || triedToSend(handler->messageRecord())))
         answer.read(socket.get());
     if (answer.outcome != HelloResult::Accepted && !stopped) {
         reportHello(answer.outcome, answer.errorType, answer.error, task, busy);
         return kExitFailed;
     }
+    // A download with nothing left to move (its partial file was already whole) can end here
+    // before the server has made its empty send, which then fails on the closed connection:
+    // the server would record a failure for a complete copy. The server closes right after.
+    const qint64 beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
+    if (result.ok && task.op == QLatin1String("download") && beginOffset >= total)
+        net::waitForPeerClose(socket.get(), kPeerCloseWaitMs);
     result.seconds = double(clock.elapsed()) / 1000.0;
     result.lastError = handler->getLastError();
     result.messages = handler->messageRecord();
     handler->getParams(result.params);
     result.errors = log.errors();
-    result.beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
+    result.beginOffset = beginOffset;
     result.total = total;
     result.offset = offset;
     // What this run moved, from where the server's offer let it start.
