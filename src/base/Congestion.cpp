@@ -377,8 +377,12 @@ void RateModel::enter(Phase phase, qint64 nowUs) {
 }
 
 double RateModel::bdpPackets() const {
+    return bdpPacketsAt(m_bottleneckRate);
+}
+
+double RateModel::bdpPacketsAt(double rate) const {
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
-    return m_bottleneckRate * double(rtt + kAckPeriodUs) / 1e6;
+    return rate * double(rtt + kAckPeriodUs) / 1e6;
 }
 
 double RateModel::pacingGain() const {
@@ -445,8 +449,7 @@ double RateModel::boundWindowAt(double gain, double rate) const {
     // the resend arrives, and when the resend is lost too, until the timeout sends it again.
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
     const double recovery = rate * double(rtt + baseTimeoutUs(rtt)) / 1e6;
-    const double bdp = rate * double(rtt + kAckPeriodUs) / 1e6;
-    return std::max(gain * bdp + recovery, double(kMinWindowPackets));
+    return std::max(gain * bdpPacketsAt(rate) + recovery, double(kMinWindowPackets));
 }
 
 double RateModel::startupRate() const {

@@ -146,6 +146,7 @@ private:
     void endCycle(qint64 nowUs);
     void enter(Phase phase, qint64 nowUs);
     double bdpPackets() const;
+    double bdpPacketsAt(double rate) const; // the same for another rate
     // In Startup, the rate of one startup window per round trip (0 elsewhere, or before the
     // round trip is known).
     double startupWindowRate() const;

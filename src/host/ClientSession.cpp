@@ -309,6 +309,7 @@ int attemptTask(PluginLoader& loader, const ClientTask& task, bool pipeline, Tas
     QElapsedTimer clock;
     clock.start();
     result.ok = processWithProgress(handler.get(), socket.get(), task, &total, &offset, result);
+    result.seconds = double(clock.elapsed()) / 1000.0;
     // The answer to the hello, when the handler did not read it: a handler that failed before
     // it tried to send anything failed on its own; otherwise a refusal (the server closes the
     // connection without reading the task) says what became of the task. A stopped task is
@@ -326,7 +327,6 @@ int attemptTask(PluginLoader& loader, const ClientTask& task, bool pipeline, Tas
     const qint64 beginOffset = handler->getParam("transferBeginSize", "").toLongLong();
     if (result.ok && task.op == QLatin1String("download") && beginOffset >= total)
         net::waitForPeerClose(socket.get(), kPeerCloseWaitMs);
-    result.seconds = double(clock.elapsed()) / 1000.0;
     result.lastError = handler->getLastError();
     result.messages = handler->messageRecord();
     handler->getParams(result.params);

@@ -116,9 +116,17 @@ bool sendHello(int socket, const QString& protocol, const QString& version, qint
 
 namespace {
 
-// Message 2 other than a challenge.
-HelloResult judgeAnswer(const ParamMap& answer, const ClientCredentials& credentials,
-                        QString* errorType, QString* error) {
+// Reads message 2 and what follows from it: the challenge answered when the server sends one
+// (SecretNeeded without a secret), else the server's verdict.
+HelloResult readAnswer(int socket, const QString& protocol, const QString& version,
+                       const ClientCredentials& credentials, QString* errorType, QString* error) {
+    const QDeadlineTimer deadline(kHelloTimeoutMs);
+    ParamMap answer;
+    if (!recvMap(socket, kHelloAnswerMessage, deadline, answer, error))
+        return HelloResult::Failed;
+    if (answer.value("accepted") == kChallenge)
+        return answerChallenge(socket, answer, protocol, version, credentials, deadline, errorType,
+                               error);
     if (answer.value("accepted") == QLatin1String("true")) {
         if (credentials.mustProve) {
             if (error)
@@ -139,14 +147,7 @@ HelloResult clientHello(int socket, const QString& protocol, const QString& vers
                         qint64 maxRate) {
     if (!sendHello(socket, protocol, version, maxRate, error))
         return HelloResult::Failed;
-    const QDeadlineTimer deadline(kHelloTimeoutMs);
-    ParamMap answer;
-    if (!recvMap(socket, kHelloAnswerMessage, deadline, answer, error))
-        return HelloResult::Failed;
-    if (answer.value("accepted") == kChallenge)
-        return answerChallenge(socket, answer, protocol, version, credentials, deadline, errorType,
-                               error);
-    return judgeAnswer(answer, credentials, errorType, error);
+    return readAnswer(socket, protocol, version, credentials, errorType, error);
 }
 
 bool mayPipelineTask(const ClientCredentials& credentials) {
@@ -154,12 +155,8 @@ bool mayPipelineTask(const ClientCredentials& credentials) {
 }
 
 HelloResult readHelloAnswer(int socket, QString* errorType, QString* error) {
-    ParamMap answer;
-    if (!recvMap(socket, kHelloAnswerMessage, QDeadlineTimer(kHelloTimeoutMs), answer, error))
-        return HelloResult::Failed;
-    if (answer.value("accepted") == kChallenge)
-        return HelloResult::SecretNeeded;
-    return judgeAnswer(answer, ClientCredentials(), errorType, error);
+    // Without a secret a challenge is answered with SecretNeeded before the protocol is needed.
+    return readAnswer(socket, QString(), QString(), ClientCredentials(), errorType, error);
 }
 
 bool readHello(int socket, const QDeadlineTimer& deadline, QString* protocol, QString* version,
