@@ -414,6 +414,31 @@ private slots:
         QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets());
     }
 
+    // The peer reports arrivals as further packets come in, at least every
+    // kArrivalReportPackets of them: the few last ones of a burst may go unreported until more
+    // arrive. With a hole open, ProbeRtt's small window would then wait for them, and the peer,
+    // seeing nothing more, would not report the hole again either.
+    void aHoleKeepsRoomForArrivalsNotYetReported() {
+        // The round trip grew, so that the old minimum expires.
+        Link link;
+        link.run(20, 100, 20'000);
+        qint64 delivered = 20 * 100;
+        while (link.model.phase() != Phase::ProbeRtt && delivered < 200'000) {
+            link.step(100, 40'000);
+            delivered += 100;
+        }
+        QCOMPARE(link.model.phase(), Phase::ProbeRtt);
+        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kProbeRttWindowPackets));
+        // Ten packets leave; the first is lost, and the peer has reported three of the others.
+        link.model.onSent(10);
+        link.model.onArrivals(link.now, delivered + 3, 1'000'000);
+        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kArrivalReportPackets + 3));
+        // The resend fills the hole: the small window holds again.
+        link.now += 1'000;
+        link.model.onAck(link.now, 10, 40'000, link.now - 40'000);
+        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kProbeRttWindowPackets));
+    }
+
     // While acknowledgements lag behind what arrived, rate samples follow the peer's count.
     void arrivalsMeasureTheRateWhileAcknowledgementsLag() {
         const auto estimate = [](bool reports) {

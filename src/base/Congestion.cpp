@@ -448,7 +448,10 @@ double RateModel::windowPackets() const {
 }
 
 double RateModel::transportWindowPackets() const {
-    return windowPackets() + double(std::max<qint64>(0, m_arrived - m_delivered));
+    const qint64 beyondHole = m_arrived - m_delivered;
+    if (beyondHole <= 0)
+        return windowPackets();
+    return std::max(windowPackets(), double(kArrivalReportPackets)) + double(beyondHole);
 }
 
 // ---- LossRepair -------------------------------------------------------------------------------
@@ -789,15 +792,21 @@ private:
     }
 
     // Counts a data packet that arrived for the first time, and tells the peer the count every
-    // report period. UDT shows a packet here before it finds room for it in the receive buffer;
-    // one dropped for want of room (the flow window keeps the sender from causing that) counts
-    // as arrived here, and is left to UDT's own loss report and the sender's timeout.
+    // report period, or sooner once kArrivalReportPackets more have arrived: this side has no
+    // clock of its own, so the report after the last packet of a burst that ended within the
+    // period would wait for the next packet, and a sender whose window is full of packets that
+    // arrived behind a hole would wait for its timeout. UDT shows a packet here before it finds
+    // room for it in the receive buffer; one dropped for want of room (the flow window keeps the
+    // sender from causing that) counts as arrived here, and is left to UDT's own loss report
+    // and the sender's timeout.
     void reportArrival(bool fresh, qint64 now) {
         if (fresh)
             ++m_arrived;
-        if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs)
+        if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs &&
+            m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets))
             return;
         m_lastArrivalReportUs = now;
+        m_reportedArrived = m_arrived;
         std::vector<qint32> words{qint32(m_arrived), qint32(quint32(now - m_epochUs))};
         ControlPacket report(ControlPacket::kUserDefined, kArrivalReport, words);
         sendCustomMsg(report.packet());
@@ -860,6 +869,7 @@ private:
     qint64 m_lastRepairScanUs = 0;
     qint64 m_epochUs = monotonicUs();
     quint32 m_arrived = 0;
+    quint32 m_reportedArrived = 0; // m_arrived at the last report
     qint64 m_lastArrivalReportUs = 0;
     ArrivalReports m_peer;
     std::atomic<qint64> m_peerArrivedShown{0}; // m_peer.arrived(), for other threads

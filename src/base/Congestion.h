@@ -43,6 +43,10 @@ public:
 
     static constexpr double kStartupGain = 2.885; // 2/ln 2: doubles delivery each round
     static constexpr int kMinWindowPackets = 32;
+    // The peer reports its count of arrivals at least every this many packets, besides every
+    // report period: no more than this many arrivals go unreported after a burst that ended
+    // within a period, which a window at least this large can never wait for.
+    static constexpr int kArrivalReportPackets = kMinWindowPackets;
     // The first round's window. In Startup the window then grows by what each acknowledgement
     // covers, doubling every round trip, until the rate estimate catches up with it.
     static constexpr int kInitialWindowPackets = 128;
@@ -105,7 +109,10 @@ public:
     // The window to give UDT, which counts everything sent after the oldest unacknowledged
     // packet as in flight: the window, plus what the peer reports has arrived beyond that
     // packet. Without it, a hole held open by a lost resend stops the sender for as long as the
-    // resend takes, one round trip or more, however little is in flight.
+    // resend takes, one round trip or more, however little is in flight. While such a hole is
+    // open the window is no smaller than kArrivalReportPackets, so that the sender does not wait
+    // for arrivals the peer has not reported yet: the peer reports missing packets again only
+    // as further packets arrive.
     double transportWindowPackets() const;
     // How long UDT waits without an acknowledgement before it sends everything unacknowledged
     // again, for the given smoothed round trip: UDT's own minimum is 300 ms, which on a short
