@@ -95,7 +95,6 @@ RateModel::RateModel(qint64 startUs, int cruisePhase)
     , m_roundEndsAt(1)
     , m_roundStartUs(startUs)
     , m_roundLowRttUs(std::numeric_limits<qint64>::max())
-    , m_sampleStartUs(startUs)
     , m_cycleBaseRates(kRegrowthCycles, 0.0)
     , m_minRttStampUs(startUs) {}
 
@@ -134,17 +133,12 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
         m_timeoutsInARow = 0;
         m_delivered += newlyAcked;
         grow(std::max(m_delivered, m_arrived));
-        if (m_sampling) {
-            m_sampleDelivered += newlyAcked;
-        } else {
+        if (!m_sampling) {
             // The first sample starts here: the time before (connection set-up, the peers'
             // first messages) says nothing of the path's rate.
             m_sampling = true;
-            m_sampleStartUs = nowUs;
-            m_sampleStartSentUs = ackedSentUs;
-            m_sampleStartArrived = m_arrived;
-            m_sampleStartPeerUs = m_arrivedPeerUs;
-            m_sampleStartSent = m_sent;
+            m_sample = sampleStartHere(nowUs, ackedSentUs);
+            m_reading = m_sample;
         }
     }
     if (smoothedRttUs > 0)
@@ -157,10 +151,23 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
     }
 
     if (m_delivered >= m_roundEndsAt) {
-        const bool sampled = m_sampling && nowUs - m_sampleStartUs >= kMinSampleUs;
+        const bool sampled = m_sampling && nowUs - m_sample.us >= kMinSampleUs;
         if (sampled)
             takeRateSample(nowUs, ackedSentUs);
         endRound(nowUs, sampled);
+    }
+    if (m_firstStartup && m_sampling && m_minRttUs > 0 &&
+        nowUs - m_reading.us >=
+            std::max(kMinSampleUs, m_minRttUs / kFirstStartupReadingsPerRound)) {
+        // The estimate bounds Startup's window: sampled at the end of each round, it trails a
+        // rate that triples in a round by a whole one. Shorter readings raise the bound sooner;
+        // they stay out of the estimate, as a span this short may catch the peer taking in a
+        // backlog at once, and count for no more than a round that tripled would deliver.
+        double reading = rateSince(m_reading, nowUs, ackedSentUs);
+        if (m_bottleneckRate > 0.0)
+            reading = std::min(reading, (1.0 + kFirstStartupGrowth) * m_bottleneckRate);
+        m_startupReadingRate = std::max(m_startupReadingRate, reading);
+        m_reading = sampleStartHere(nowUs, ackedSentUs);
     }
 
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
@@ -195,9 +202,11 @@ void RateModel::onArrivals(qint64, qint64 arrived, qint64 peerUs) {
         return;
     m_arrived = std::max(m_arrived, arrived);
     m_arrivedPeerUs = peerUs;
-    if (m_sampling && m_sampleStartPeerUs < 0) {
-        m_sampleStartArrived = m_arrived;
-        m_sampleStartPeerUs = peerUs;
+    for (SampleStart* start : {&m_sample, &m_reading}) {
+        if (m_sampling && start->peerUs < 0) {
+            start->arrived = m_arrived;
+            start->peerUs = peerUs;
+        }
     }
     grow(std::max(m_delivered, m_arrived));
 }
@@ -206,8 +215,9 @@ void RateModel::grow(qint64 progress) {
     if (progress <= m_progress)
         return;
     if (m_phase == Phase::Startup)
-        m_startupWindow =
-            std::min(m_startupWindow + double(progress - m_progress), startupWindowCap());
+        m_startupWindow = std::min(m_startupWindow + (m_firstStartup ? kFirstStartupGrowth : 1.0) *
+                                                         double(progress - m_progress),
+                                   startupWindowCap());
     m_progress = progress;
 }
 
@@ -218,29 +228,39 @@ void RateModel::updateMinRtt(qint64 nowUs, qint64 rttUs) {
     }
 }
 
-void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
-    qint64 span = nowUs - m_sampleStartUs;
-    if (ackedSentUs > 0 && m_sampleStartSentUs > 0)
-        span = std::max(span, ackedSentUs - m_sampleStartSentUs);
-    double rate = double(m_sampleDelivered) * 1e6 / double(span);
+RateModel::SampleStart RateModel::sampleStartHere(qint64 nowUs, qint64 ackedSentUs) const {
+    SampleStart start;
+    start.us = nowUs;
+    start.sentUs = ackedSentUs;
+    start.delivered = m_delivered;
+    start.sent = m_sent;
+    start.arrived = m_arrived;
+    start.peerUs = m_arrivedPeerUs;
+    return start;
+}
+
+double RateModel::rateSince(const SampleStart& start, qint64 nowUs, qint64 ackedSentUs) const {
+    qint64 span = std::max<qint64>(nowUs - start.us, 1);
+    if (ackedSentUs > 0 && start.sentUs > 0)
+        span = std::max(span, ackedSentUs - start.sentUs);
+    double rate = double(m_delivered - start.delivered) * 1e6 / double(span);
     // The peer's clock times its arrivals, so reports that travel bunched cannot inflate this
     // reading; the peer's receiving thread can still take in a backlog at once, so the reading
     // counts for no more than the rate at which packets left here meanwhile. A span shorter
     // than a sample's would mostly measure how the arrivals bunch.
-    const qint64 peerSpan = m_arrivedPeerUs - m_sampleStartPeerUs;
-    if (m_sampleStartPeerUs >= 0 && peerSpan >= kMinSampleUs) {
-        const double arrivedRate =
-            double(m_arrived - m_sampleStartArrived) * 1e6 / double(peerSpan);
-        const double sentRate = double(m_sent - m_sampleStartSent) * 1e6 /
-                                double(std::max<qint64>(nowUs - m_sampleStartUs, 1));
+    const qint64 peerSpan = m_arrivedPeerUs - start.peerUs;
+    if (start.peerUs >= 0 && peerSpan >= kMinSampleUs) {
+        const double arrivedRate = double(m_arrived - start.arrived) * 1e6 / double(peerSpan);
+        const double sentRate =
+            double(m_sent - start.sent) * 1e6 / double(std::max<qint64>(nowUs - start.us, 1));
         rate = std::max(rate, std::min(arrivedRate, sentRate));
     }
-    m_sampleStartUs = nowUs;
-    m_sampleStartSent = m_sent;
-    m_sampleStartSentUs = ackedSentUs;
-    m_sampleDelivered = 0;
-    m_sampleStartArrived = m_arrived;
-    m_sampleStartPeerUs = m_arrivedPeerUs;
+    return rate;
+}
+
+void RateModel::takeRateSample(qint64 nowUs, qint64 ackedSentUs) {
+    const double rate = rateSince(m_sample, nowUs, ackedSentUs);
+    m_sample = sampleStartHere(nowUs, ackedSentUs);
     m_samples.push_back({nowUs, rate});
     // Three probing cycles: samples and cycle phases do not line up, and within three cycles
     // one sample covers a probe whole.
@@ -346,6 +366,7 @@ void RateModel::endCycle(qint64 nowUs) {
 }
 
 void RateModel::enter(Phase phase, qint64 nowUs) {
+    m_firstStartup = false;
     m_phase = phase;
     m_phaseStartUs = nowUs;
     m_cycleStartUs = nowUs;
@@ -356,8 +377,12 @@ void RateModel::enter(Phase phase, qint64 nowUs) {
 }
 
 double RateModel::bdpPackets() const {
+    return bdpPacketsAt(m_bottleneckRate);
+}
+
+double RateModel::bdpPacketsAt(double rate) const {
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
-    return m_bottleneckRate * double(rtt + kAckPeriodUs) / 1e6;
+    return rate * double(rtt + kAckPeriodUs) / 1e6;
 }
 
 double RateModel::pacingGain() const {
@@ -409,24 +434,32 @@ double RateModel::startupWindowRate() const {
 double RateModel::sendPeriodUs() const {
     // In Startup the window, growing with every acknowledgement, leads: the rate estimate
     // trails it by a round trip.
-    const double rate = std::max(m_bottleneckRate, startupWindowRate());
+    const double rate = std::max(startupRate(), startupWindowRate());
     if (rate <= 0.0)
         return kInitialPeriodUs;
     return 1e6 / (pacingGain() * std::max(rate, floorRate()));
 }
 
 double RateModel::boundWindow(double gain) const {
+    return boundWindowAt(gain, m_bottleneckRate);
+}
+
+double RateModel::boundWindowAt(double gain, double rate) const {
     // UDT acknowledges cumulatively: what arrived after a lost packet counts as in flight until
     // the resend arrives, and when the resend is lost too, until the timeout sends it again.
     const qint64 rtt = m_minRttUs > 0 ? m_minRttUs : kAssumedRttUs;
-    const double recovery = m_bottleneckRate * double(rtt + baseTimeoutUs(rtt)) / 1e6;
-    return std::max(gain * bdpPackets() + recovery, double(kMinWindowPackets));
+    const double recovery = rate * double(rtt + baseTimeoutUs(rtt)) / 1e6;
+    return std::max(gain * bdpPacketsAt(rate) + recovery, double(kMinWindowPackets));
+}
+
+double RateModel::startupRate() const {
+    return m_firstStartup ? std::max(m_bottleneckRate, m_startupReadingRate) : m_bottleneckRate;
 }
 
 double RateModel::startupWindowCap() const {
     // Only an estimate from rounds that had data enough to fill their window bounds it: the few
     // messages before a transfer measure the peers, not the path.
-    return m_startupBestRate > 0.0 ? boundWindow(kStartupGain)
+    return m_startupBestRate > 0.0 ? boundWindowAt(kStartupGain, startupRate())
                                    : std::numeric_limits<double>::infinity();
 }
 
@@ -437,8 +470,9 @@ double RateModel::windowPackets() const {
     case Phase::Startup:
         // What arrives after a lost packet stays in flight until its resend does: with loss, the
         // bound from the estimate, which leaves room for that, can be the larger.
-        return std::max({m_startupWindow, double(kMinWindowPackets),
-                         m_startupBestRate > 0.0 ? boundWindow(kStartupGain) : 0.0});
+        return std::max(
+            {m_startupWindow, double(kMinWindowPackets),
+             m_startupBestRate > 0.0 ? boundWindowAt(kStartupGain, startupRate()) : 0.0});
     case Phase::Drain:
         return m_bottleneckRate > 0.0 ? boundWindow(kStartupGain) : double(kMinWindowPackets);
     case Phase::Cruise:

@@ -35,7 +35,7 @@ QString congestionName(Congestion congestion);
 class RateModel {
 public:
     enum class Phase {
-        Startup,  // rate unknown: roughly triples each round until it stops growing
+        Startup,  // rate unknown: doubles or triples each round until it stops growing
         Drain,    // empties the queue startup built
         Cruise,   // paces at the measured rate, with a probe upwards and a drain every cycle
         ProbeRtt, // a short dip in flight size to measure the round trip without a queue
@@ -50,6 +50,14 @@ public:
     // The first round's window. In Startup the window then grows by what each acknowledgement
     // covers, doubling every round trip, until the rate estimate catches up with it.
     static constexpr int kInitialWindowPackets = 128;
+    // A connection's first Startup, which knows nothing of the path, grows its window by this
+    // many packets for each one delivered, tripling it every round trip: seven doublings from
+    // the first window to 1 Gbit/s over 200 ms take 1.4 s, five triplings 1 s. The rate of the
+    // round under way is read this many times a round, so that the bound the rate puts on the
+    // window keeps up. Later Startups (the path grew, or timeouts) begin near the path's rate
+    // and double, bounded by the estimate alone.
+    static constexpr double kFirstStartupGrowth = 2.0;
+    static constexpr int kFirstStartupReadingsPerRound = 4;
     static constexpr int kProbeRttWindowPackets = 8;
     static constexpr qint64 kMinRttLifetimeUs = 10'000'000;
     static constexpr qint64 kProbeRttHoldUs = 200'000;
@@ -121,6 +129,20 @@ public:
     qint64 retransmitTimeoutUs(qint64 smoothedRttUs) const;
 
 private:
+    // The counts where a rate sample started.
+    struct SampleStart {
+        qint64 us = 0;
+        qint64 sentUs = 0; // when the newest packet acknowledged then was sent
+        qint64 delivered = 0;
+        qint64 sent = 0;
+        qint64 arrived = 0;
+        qint64 peerUs = -1; // the peer's clock at its count; -1: no report then
+    };
+
+    // The rate from `start` to now, and a sample's start here.
+    double rateSince(const SampleStart& start, qint64 nowUs, qint64 ackedSentUs) const;
+    SampleStart sampleStartHere(qint64 nowUs, qint64 ackedSentUs) const;
+    // Closes the estimate's sample under way and updates the estimate.
     void takeRateSample(qint64 nowUs, qint64 ackedSentUs);
     // Startup's window grows by what the peer has newly received, by either count.
     void grow(qint64 progress);
@@ -131,11 +153,16 @@ private:
     void endCycle(qint64 nowUs);
     void enter(Phase phase, qint64 nowUs);
     double bdpPackets() const;
+    double bdpPacketsAt(double rate) const; // the same for another rate
     // In Startup, the rate of one startup window per round trip (0 elsewhere, or before the
     // round trip is known).
     double startupWindowRate() const;
     // The most data in flight the estimate allows with `gain` times the path's capacity.
     double boundWindow(double gain) const;
+    double boundWindowAt(double gain, double rate) const; // the same for another rate
+    // The rate Startup paces and bounds its window by: in the first Startup the estimate or the
+    // round's readings, whichever is higher; otherwise the estimate.
+    double startupRate() const;
     // How far the startup window may grow: the bound of Startup once the rate is estimated, so
     // that the last rounds before the estimate stops growing overshoot no further than that.
     double startupWindowCap() const;
@@ -161,23 +188,21 @@ private:
     qint64 m_probeRttLowUs = 0; // shortest trip while in ProbeRtt
 
     bool m_sampling = false; // from the first acknowledgement of data on
-    qint64 m_sampleStartUs = 0;
-    qint64 m_sampleStartSentUs = 0; // when the newest packet acknowledged then was sent
-    qint64 m_sampleDelivered = 0;
-    // The peer's own count of arrivals, and its clock, at the last report and at the start of
-    // the current sample (-1: no report then).
+    // The peer's own count of arrivals, and its clock, at the last report (-1: none yet).
     qint64 m_arrived = 0;
     qint64 m_arrivedPeerUs = -1;
-    qint64 m_sampleStartArrived = 0;
-    qint64 m_sampleStartPeerUs = -1;
-    qint64 m_sampleStartSent = 0; // packets sent when the sample started
-    qint64 m_progress = 0;        // the larger of delivered and arrived that Startup has grown by
+    SampleStart m_sample;  // the estimate's, a round or more long
+    SampleStart m_reading; // the first Startup's readings within a round
+    qint64 m_progress = 0; // the larger of delivered and arrived that Startup has grown by
     std::deque<std::pair<qint64, double>> m_samples; // (time, rate), most recent last
     double m_bottleneckRate = 0.0;
 
     double m_startupBestRate = 0.0;
     int m_startupFlatRounds = 0;
     double m_startupWindow = kInitialWindowPackets;
+    bool m_firstStartup = true; // no phase was entered yet
+    // The first Startup's highest reading of a round under way (see kFirstStartupGrowth).
+    double m_startupReadingRate = 0.0;
     // The estimate at the ends of the last probing cycles (or the start of the phase), oldest
     // first; 0 where there was none yet.
     std::deque<double> m_cycleBaseRates;
