@@ -477,10 +477,12 @@ private slots:
         QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets());
     }
 
-    // The peer reports arrivals as further packets come in, at least every
-    // kArrivalReportPackets of them: the few last ones of a burst may go unreported until more
+    // While packets are missing, the peer reports arrivals at least every
+    // kArrivalReportPackets of them, but the last ones of a burst may go unreported until more
     // arrive. With a hole open, ProbeRtt's small window would then wait for them, and the peer,
-    // seeing nothing more, would not report the hole again either.
+    // seeing nothing more, would not report the hole again either: the window given to UDT
+    // leaves room for the hole and twice that many packets behind it. Without a hole it stays
+    // small, as the acknowledgement moves on by itself.
     void aHoleKeepsRoomForArrivalsNotYetReported() {
         // The round trip grew, so that the old minimum expires.
         Link link;
@@ -491,15 +493,21 @@ private slots:
             delivered += 100;
         }
         QCOMPARE(link.model.phase(), Phase::ProbeRtt);
-        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kProbeRttWindowPackets));
-        // Ten packets leave; the first is lost, and the peer has reported three of the others.
+        const double probeWindow = RateModel::kProbeRttWindowPackets;
+        QCOMPARE(link.model.transportWindowPackets(), probeWindow);
+        // Ten packets leave; the peer has three of them and has reported them, which an
+        // acknowledgement yet to come will cover: no hole.
         link.model.onSent(10);
         link.model.onArrivals(link.now, delivered + 3, 1'000'000);
-        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kArrivalReportPackets + 3));
+        QCOMPARE(link.model.transportWindowPackets(), probeWindow + 3);
+        // The first of them was lost: the window leaves room for the reports still to come.
+        link.model.setHoleOpen(true);
+        QCOMPARE(link.model.transportWindowPackets(), 2.0 * RateModel::kArrivalReportPackets + 3);
         // The resend fills the hole: the small window holds again.
+        link.model.setHoleOpen(false);
         link.now += 1'000;
         link.model.onAck(link.now, 10, 40'000, link.now - 40'000);
-        QCOMPARE(link.model.transportWindowPackets(), double(RateModel::kProbeRttWindowPackets));
+        QCOMPARE(link.model.transportWindowPackets(), probeWindow);
     }
 
     // While acknowledgements lag behind what arrived, rate samples follow the peer's count.

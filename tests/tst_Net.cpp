@@ -318,11 +318,12 @@ private slots:
                  qPrintable(QString("%1 loss reports for %2 lost packets")
                                 .arg(trace.pktRecvNAKTotal)
                                 .arg(lost)));
-        // Each lost packet went out twice more: after UDT's report and after the repeat (a few
-        // spare for a repeat that overtook a resend). Had the sender's timeout recovered one, it
-        // would have sent everything unacknowledged again, thousands of packets.
+        // Each lost packet went out twice more: after UDT's report and after the repeat. Had
+        // the sender's timeout recovered one, it would have sent everything unacknowledged
+        // again, a thousand packets or more; the bound leaves room for repeats that overtook a
+        // resend on a busy machine.
         QVERIFY2(
-            trace.pktRetransTotal <= 3 * lost,
+            trace.pktRetransTotal <= 5 * lost,
             qPrintable(
                 QString("%1 packets resent for %2 lost").arg(trace.pktRetransTotal).arg(lost)));
     }

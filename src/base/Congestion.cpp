@@ -482,10 +482,10 @@ double RateModel::windowPackets() const {
 }
 
 double RateModel::transportWindowPackets() const {
-    const qint64 beyondHole = m_arrived - m_delivered;
-    if (beyondHole <= 0)
-        return windowPackets();
-    return std::max(windowPackets(), double(kArrivalReportPackets)) + double(beyondHole);
+    const double beyondHole = double(std::max<qint64>(0, m_arrived - m_delivered));
+    if (!m_holeOpen)
+        return windowPackets() + beyondHole;
+    return std::max(windowPackets(), 2.0 * kArrivalReportPackets) + beyondHole;
 }
 
 // ---- LossRepair -------------------------------------------------------------------------------
@@ -826,18 +826,20 @@ private:
     }
 
     // Counts a data packet that arrived for the first time, and tells the peer the count every
-    // report period, or sooner once kArrivalReportPackets more have arrived: this side has no
-    // clock of its own, so the report after the last packet of a burst that ended within the
-    // period would wait for the next packet, and a sender whose window is full of packets that
-    // arrived behind a hole would wait for its timeout. UDT shows a packet here before it finds
-    // room for it in the receive buffer; one dropped for want of room (the flow window keeps the
-    // sender from causing that) counts as arrived here, and is left to UDT's own loss report
-    // and the sender's timeout.
+    // report period, or, while packets are missing, sooner once kArrivalReportPackets more have
+    // arrived: this side has no clock of its own, so the report after the last packet of a
+    // burst that ended within the period would wait for the next packet, and a sender whose
+    // window is full of packets that arrived behind a hole would wait for its timeout (without
+    // a hole the acknowledgement, which UDT sends on its own timer, moves the window on). UDT
+    // shows a packet here before it finds room for it in the receive buffer; one dropped for
+    // want of room (the flow window keeps the sender from causing that) counts as arrived here,
+    // and is left to UDT's own loss report and the sender's timeout.
     void reportArrival(bool fresh, qint64 now) {
         if (fresh)
             ++m_arrived;
         if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs &&
-            m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets))
+            (m_repair.missing() == 0 ||
+             m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets)))
             return;
         m_lastArrivalReportUs = now;
         m_reportedArrived = m_arrived;
@@ -860,6 +862,10 @@ private:
     }
 
     void apply() {
+        // The acknowledgement names the first packet not received: a packet reported missing
+        // at or after it still leaves a hole.
+        m_model.setHoleOpen(m_highestLost >= 0 && m_lastAck >= 0 &&
+                            sequenceDistance(m_lastAck, m_highestLost) >= 0);
         m_dPktSndPeriod = m_model.sendPeriodUs();
         m_dCWndSize = m_model.transportWindowPackets();
         const qint64 timeout = m_model.retransmitTimeoutUs(m_iRTT);

@@ -43,10 +43,12 @@ public:
 
     static constexpr double kStartupGain = 2.885; // 2/ln 2: doubles delivery each round
     static constexpr int kMinWindowPackets = 32;
-    // The peer reports its count of arrivals at least every this many packets, besides every
-    // report period: no more than this many arrivals go unreported after a burst that ended
-    // within a period, which a window at least this large can never wait for.
-    static constexpr int kArrivalReportPackets = kMinWindowPackets;
+    // While it misses packets, the peer reports its count of arrivals at least every this many
+    // packets, besides every report period: fewer than this many go unreported after a burst
+    // that ended within a period. The window given to UDT while a hole is open
+    // (transportWindowPackets()) is twice as large, so that the packets it lets follow the
+    // hole always reach this count, even with more of them missing.
+    static constexpr int kArrivalReportPackets = 16;
     // The first round's window. In Startup the window then grows by what each acknowledgement
     // covers, doubling every round trip, until the rate estimate catches up with it.
     static constexpr int kInitialWindowPackets = 128;
@@ -117,11 +119,13 @@ public:
     // The window to give UDT, which counts everything sent after the oldest unacknowledged
     // packet as in flight: the window, plus what the peer reports has arrived beyond that
     // packet. Without it, a hole held open by a lost resend stops the sender for as long as the
-    // resend takes, one round trip or more, however little is in flight. While such a hole is
-    // open the window is no smaller than kArrivalReportPackets, so that the sender does not wait
-    // for arrivals the peer has not reported yet: the peer reports missing packets again only
-    // as further packets arrive.
+    // resend takes, one round trip or more, however little is in flight. While the peer has
+    // reported a packet missing that is not acknowledged yet (setHoleOpen()), the window is no
+    // smaller than twice kArrivalReportPackets, so that the sender does not wait for arrivals
+    // the peer has not reported yet: the peer runs only when packets arrive, and reports
+    // missing packets again only then.
     double transportWindowPackets() const;
+    void setHoleOpen(bool open) { m_holeOpen = open; }
     // How long UDT waits without an acknowledgement before it sends everything unacknowledged
     // again, for the given smoothed round trip: UDT's own minimum is 300 ms, which on a short
     // lossy link leaves a lost resend's hole open (and the window stuck) for many round trips.
@@ -201,8 +205,9 @@ private:
     int m_startupFlatRounds = 0;
     double m_startupWindow = kInitialWindowPackets;
     bool m_firstStartup = true; // no phase was entered yet
-    // The first Startup's highest reading of a round under way (see kFirstStartupGrowth).
+    // The first Startup's highest reading so far (see kFirstStartupGrowth).
     double m_startupReadingRate = 0.0;
+    bool m_holeOpen = false; // see setHoleOpen()
     // The estimate at the ends of the last probing cycles (or the start of the phase), oldest
     // first; 0 where there was none yet.
     std::deque<double> m_cycleBaseRates;
