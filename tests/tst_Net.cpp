@@ -167,26 +167,6 @@ bool connectThrough(const LossyRelay& relay, int listener, int mss, VESK::net::S
     return connected && server->valid();
 }
 
-// A listener on loopback whose connections use packets of `mss` bytes (listenOn() takes the
-// route's, loopback's own); the port it got in `port`.
-int listenerWithMss(int mss, quint16* port, QString* error) {
-    VESK::net::Socket listener(UDT::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (!VESK::net::applyOptions(listener.get(), mss, error))
-        return -1;
-    if (UDT::bind(listener.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == UDT::ERROR ||
-        UDT::listen(listener.get(), 4) == UDT::ERROR) {
-        *error = QString::fromLocal8Bit(UDT::getlasterror().getErrorMessage());
-        return -1;
-    }
-    int len = sizeof addr;
-    UDT::getsockname(listener.get(), reinterpret_cast<sockaddr*>(&addr), &len);
-    *port = ntohs(addr.sin_port);
-    return listener.release();
-}
-
 int threadCount() {
     return int(QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
@@ -270,10 +250,12 @@ private slots:
         // waits for the resends. The listener uses them too: one sized for loopback's packets
         // would count its buffer in them, and the few thousand 1,500-byte ones that leaves fill
         // up behind a hole; what the receiver drops then is lost without a gap it could report.
+        // (listenOn() also gives its UDP socket the large kernel buffer it may, which a plain
+        // UDT::bind() does not: bursts at loopback speed overflow the default one.)
         constexpr int kMss = 1500;
         quint16 port = 0;
         QString error;
-        VESK::net::Socket listener(listenerWithMss(kMss, &port, &error));
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error, kMss));
         QVERIFY2(listener.valid(), qPrintable(error));
         LossyRelay relay(port, 500, 2, kBytes / kMss / 2);
         VESK::net::Socket client, server;

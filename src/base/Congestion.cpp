@@ -826,20 +826,18 @@ private:
     }
 
     // Counts a data packet that arrived for the first time, and tells the peer the count every
-    // report period, or, while packets are missing, sooner once kArrivalReportPackets more have
-    // arrived: this side has no clock of its own, so the report after the last packet of a
-    // burst that ended within the period would wait for the next packet, and a sender whose
-    // window is full of packets that arrived behind a hole would wait for its timeout (without
-    // a hole the acknowledgement, which UDT sends on its own timer, moves the window on). UDT
-    // shows a packet here before it finds room for it in the receive buffer; one dropped for
-    // want of room (the flow window keeps the sender from causing that) counts as arrived here,
-    // and is left to UDT's own loss report and the sender's timeout.
+    // report period, or sooner once kArrivalReportPackets more have arrived: this side has no
+    // clock of its own, so the report after the last packet of a burst that ended within the
+    // period would wait for the next packet, and a sender whose window is full of packets that
+    // arrived behind a hole would wait for its timeout. UDT shows a packet here before it finds
+    // room for it in the receive buffer; one dropped for want of room (the flow window keeps the
+    // sender from causing that) counts as arrived here, and is left to UDT's own loss report
+    // and the sender's timeout.
     void reportArrival(bool fresh, qint64 now) {
         if (fresh)
             ++m_arrived;
         if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs &&
-            (m_repair.missing() == 0 ||
-             m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets)))
+            m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets))
             return;
         m_lastArrivalReportUs = now;
         m_reportedArrived = m_arrived;

@@ -43,12 +43,13 @@ public:
 
     static constexpr double kStartupGain = 2.885; // 2/ln 2: doubles delivery each round
     static constexpr int kMinWindowPackets = 32;
-    // While it misses packets, the peer reports its count of arrivals at least every this many
-    // packets, besides every report period: fewer than this many go unreported after a burst
-    // that ended within a period. The window given to UDT while a hole is open
-    // (transportWindowPackets()) is twice as large, so that the packets it lets follow the
-    // hole always reach this count, even with more of them missing.
-    static constexpr int kArrivalReportPackets = 16;
+    // The peer reports its count of arrivals at least every this many packets, besides every
+    // report period: fewer than this many go unreported after a burst that ended within a
+    // period. The window given to UDT while a hole is open (transportWindowPackets()) is twice
+    // as large, so that the packets it lets follow the hole always reach this count, even with
+    // more of them missing. The count also lets Startup's window grow between UDT's
+    // acknowledgements, which on a short path come far less often than the packets.
+    static constexpr int kArrivalReportPackets = 32;
     // The first round's window. In Startup the window then grows by what each acknowledgement
     // covers, doubling every round trip, until the rate estimate catches up with it.
     static constexpr int kInitialWindowPackets = 128;

@@ -431,9 +431,9 @@ int connectTo(const QString& host, quint16 port, QString* error) {
     return socket.release();
 }
 
-int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error) {
+int listenOn(const QString& host, quint16 port, quint16* boundPort, QString* error, int mss) {
     Address addr;
-    Socket socket(newSocket(host, port, listenerMss(host), addr, error));
+    Socket socket(newSocket(host, port, mss > 0 ? mss : listenerMss(host), addr, error));
     if (!socket.valid())
         return -1;
     QString reason;

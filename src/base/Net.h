@@ -55,9 +55,11 @@ QString bufferNoteFor(qint64 grantedBytes);
 // A blocking stream socket connected to host:port, or -1 with `error` set.
 int connectTo(const QString& host, quint16 port, QString* error = nullptr);
 
-// A listening socket on host:port (port 0 picks a free one; `boundPort` reports it).
+// A listening socket on host:port (port 0 picks a free one; `boundPort` reports it). Its
+// connections use packets of `mss` bytes at most, or, with 0, of the size the route to the
+// listening address allows.
 int listenOn(const QString& host, quint16 port, quint16* boundPort = nullptr,
-             QString* error = nullptr);
+             QString* error = nullptr, int mss = 0);
 
 // Accepts one connection; -1 with `error` set when the listener fails or was closed.
 int acceptOn(int listener, QString* peer = nullptr, QString* error = nullptr);
