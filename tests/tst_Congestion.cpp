@@ -477,12 +477,12 @@ private slots:
         QCOMPARE(link.model.transportWindowPackets(), link.model.windowPackets());
     }
 
-    // The peer reports arrivals at least every kArrivalReportPackets of them, but the last
-    // ones of a burst may go unreported until more
-    // arrive. With a hole open, ProbeRtt's small window would then wait for them, and the peer,
-    // seeing nothing more, would not report the hole again either: the window given to UDT
-    // leaves room for the hole and twice that many packets behind it. Without a hole it stays
-    // small, as the acknowledgement moves on by itself.
+    // The peer reports arrivals at least every kArrivalReportPackets of them, but the last ones
+    // of a burst may go unreported until more arrive. With a hole open, ProbeRtt's small window
+    // would then wait for them, and the peer, seeing nothing more, would not report the hole
+    // again either: the window given to UDT leaves room for the hole and twice that many
+    // packets behind it. Without a hole it stays small, as the acknowledgement moves on by
+    // itself.
     void aHoleKeepsRoomForArrivalsNotYetReported() {
         // The round trip grew, so that the old minimum expires.
         Link link;
