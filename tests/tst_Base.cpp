@@ -16,6 +16,7 @@
 #include <QThread>
 
 #include <fcntl.h>
+#include <fstream>
 #include <limits>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -682,6 +683,77 @@ private slots:
         VESK::verify::adoptKeptValue(path, "sha256");
         QCOMPARE(keptRecord(native, "user.vesk.sha256")[1], QByteArray("100000"));
         QCOMPARE(b.getFileVerifyValue(path, "sha256"), toolDigest("sha256sum", path));
+    }
+
+    // The value of bytes written through a ValueTee is kept with the file when the file holds
+    // exactly those bytes, and with nothing when anything else happened to it.
+    void valueOfWrittenBytesIsKeptWithTheFile_data() {
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QString>("afterwards"); // what happens after the writes
+        QTest::addColumn<bool>("kept");
+        for (const char* m : {"md5", "sha1", "sha256", "xxh3"})
+            QTest::newRow(m) << QString(m) << QString() << true;
+        QTest::newRow("tell the position") << "xxh3"
+                                           << "tell" << true;
+        QTest::newRow("fileattr") << "fileattr" << QString() << false;
+        QTest::newRow("moved back") << "xxh3"
+                                    << "seek" << false;
+        QTest::newRow("read through it") << "xxh3"
+                                         << "read" << false;
+        QTest::newRow("appended beside it") << "sha256"
+                                            << "append" << false;
+    }
+
+    void valueOfWrittenBytesIsKeptWithTheFile() {
+        QFETCH(QString, method);
+        QFETCH(QString, afterwards);
+        QFETCH(bool, kept);
+        QTemporaryDir dir;
+        QString path = dir.path() + "/written";
+        const QByteArray native = QFile::encodeName(path);
+        QByteArray data(300007, Qt::Uninitialized);
+        for (int i = 0; i < data.size(); ++i)
+            data[i] = char(i * 13 + (i >> 8));
+        std::filebuf file;
+        QVERIFY(file.open(native.constData(),
+                          std::ios::in | std::ios::out | std::ios::app | std::ios::binary));
+        if (::setxattr(native.constData(), "user.vesk.probe", "x", 1, 0) != 0)
+            QSKIP("the temporary directory's file system keeps no user extended attributes");
+        VESK::verify::ValueTee tee(&file, method);
+        std::iostream stream(&tee);
+        stream.seekp(0);
+        stream.write(data.constData(), 1000);
+        stream.put(data[1000]);
+        stream.write(data.constData() + 1001, data.size() - 1001);
+        if (afterwards == "tell")
+            QCOMPARE(qint64(stream.tellp()), qint64(data.size()));
+        if (afterwards == "seek")
+            stream.seekp(10);
+        if (afterwards == "read") {
+            stream.seekg(0);
+            char c = 0;
+            stream.get(c);
+        }
+        QVERIFY(stream.good());
+        file.close();
+        if (afterwards == "append") {
+            QFile more(path);
+            QVERIFY(more.open(QIODevice::Append));
+            QCOMPARE(more.write("!", 1), qint64(1));
+        }
+        QCOMPARE(tee.value().keep(path), kept);
+        const QList<QByteArray> record = keptRecord(native, qPrintable("user.vesk." + method));
+        if (!kept) {
+            QVERIFY(record.isEmpty());
+            return;
+        }
+        QCOMPARE(readAll(path), data);
+        QCOMPARE(record.size(), 6);
+        QCOMPARE(record[1], QByteArray::number(data.size()));
+        const QString value = VESK::verify::computeFileValue(path, method);
+        QCOMPARE(QString::fromLatin1(record[5]), value);
+        ProbeBase b;
+        QCOMPARE(b.getFileVerifyValue(path, method), value);
     }
 
     void xxh3OfEmptyFileIsTheKnownValue() {

@@ -19,6 +19,7 @@
 #include <udt/udt.h>
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <memory>
 
@@ -63,6 +64,30 @@ bool finish(std::unique_ptr<AsyncTask>& task, bool& result, int timeoutMs = 2000
 }
 
 // What the peer computes for a verify method, independently of the base's own code.
+// Bytes this process has read from files so far (socket receives are not counted).
+qint64 bytesReadFromFiles() {
+    QFile io("/proc/self/io");
+    if (!io.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : io.readAll().split('\n')) {
+        if (line.startsWith("rchar:"))
+            return line.mid(6).trimmed().toLongLong();
+    }
+    return -1;
+}
+
+bool keepsUserAttributes(const QString& directory) {
+    const QString probe = directory + "/.attribute-probe";
+    QFile file(probe);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    file.close();
+    const bool kept =
+        ::setxattr(QFile::encodeName(probe).constData(), "user.vesk.probe", "x", 1, 0) == 0;
+    QFile::remove(probe);
+    return kept;
+}
+
 QString expectedValue(const QByteArray& data, const QString& method) {
     if (method == "fileattr")
         return QString::number(data.size());
@@ -504,6 +529,41 @@ private slots:
         QVERIFY(finish(c.task, result));
         QVERIFY(result);
         QCOMPARE(readAll(tree.local() + "/p.bin"), data);
+    }
+
+    // A new file is verified with the value of its bytes taken as they arrived: the client does
+    // not read the whole file back, and keeps that value with the file for later comparisons.
+    void receivedFileIsVerifiedWithoutReadingItBack() {
+        MountTree tree;
+        if (!keepsUserAttributes(tree.local()))
+            QSKIP("the temporary directory's file system keeps no user extended attributes");
+        ClientAlone c(tree.local(), "r.bin", "sha256");
+        QByteArray data(4 * 1024 * 1024 + 3, Qt::Uninitialized);
+        for (int i = 0; i < data.size(); ++i)
+            data[i] = char((i * 7) ^ (i >> 9));
+        const QString value = expectedValue(data, "sha256");
+        ParamMap param;
+        QVERIFY(c.start(param));
+        const qint64 before = bytesReadFromFiles();
+        QVERIFY(before >= 0);
+        QVERIFY(c.answer(acceptingAck(data, value), data));
+        bool ok = false;
+        QCOMPARE(c.next(7, ok), (ParamMap{{"verifyResult", "true"}}));
+        QVERIFY(ok);
+        const qint64 read = bytesReadFromFiles() - before;
+        QVERIFY2(read < data.size() / 4, qPrintable(QString("%1 bytes read").arg(read)));
+        QCOMPARE(c.next(8, ok), (ParamMap{{"fileName", "r.bin"}}));
+        QVERIFY(ok);
+        bool result = false;
+        QVERIFY(finish(c.task, result));
+        QVERIFY(result);
+        const QString path = tree.local() + "/r.bin";
+        QCOMPARE(readAll(path), data);
+        char record[256] = {};
+        const ssize_t n = ::getxattr(QFile::encodeName(path).constData(), "user.vesk.sha256",
+                                     record, sizeof record - 1);
+        QVERIFY(n > 0);
+        QVERIFY(QByteArray(record, int(n)).endsWith(" " + value.toLatin1()));
     }
 
     // The server answers with its file's value under the method the client named.

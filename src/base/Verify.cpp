@@ -46,35 +46,69 @@ template <typename Consume> bool readBlocks(const QString& path, Consume consume
     }
 }
 
-QString digest(const QString& path, const EVP_MD* md) {
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1)
-        return QString();
-    bool ok = true;
-    const bool read = readBlocks(path, [&](const char* data, size_t n) {
-        ok = ok && EVP_DigestUpdate(ctx.get(), data, n) == 1;
-    });
-    unsigned char out[EVP_MAX_MD_SIZE];
-    unsigned int outLen = 0;
-    if (!read || !ok || EVP_DigestFinal_ex(ctx.get(), out, &outLen) != 1)
-        return QString();
-    return QString::fromLatin1(QByteArray(reinterpret_cast<char*>(out), int(outLen)).toHex());
-}
+} // namespace
 
-QString xxh3(const QString& path) {
-    std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> state(XXH3_createState(),
-                                                                   XXH3_freeState);
-    if (!state || XXH3_128bits_reset(state.get()) != XXH_OK)
+// One verify value under way: an OpenSSL digest or XXH3's 128-bit hash.
+class Digest {
+public:
+    // Null for "fileattr" (not computed from the contents) or when the library fails.
+    static std::unique_ptr<Digest> start(const QString& canonical) {
+        std::unique_ptr<Digest> d(new Digest);
+        if (canonical == QLatin1String("xxh3")) {
+            d->m_xxh3.reset(XXH3_createState());
+            if (d->m_xxh3 && XXH3_128bits_reset(d->m_xxh3.get()) == XXH_OK)
+                return d;
+            return nullptr;
+        }
+        const EVP_MD* md = canonical == QLatin1String("md5")      ? EVP_md5()
+                           : canonical == QLatin1String("sha1")   ? EVP_sha1()
+                           : canonical == QLatin1String("sha256") ? EVP_sha256()
+                                                                  : nullptr;
+        d->m_evp.reset(EVP_MD_CTX_new());
+        if (md && d->m_evp && EVP_DigestInit_ex(d->m_evp.get(), md, nullptr) == 1)
+            return d;
+        return nullptr;
+    }
+
+    void update(const char* data, size_t n) {
+        if (m_xxh3)
+            XXH3_128bits_update(m_xxh3.get(), data, n);
+        else
+            m_ok = m_ok && EVP_DigestUpdate(m_evp.get(), data, n) == 1;
+    }
+
+    // The value as lowercase hexadecimal text; "" when the library failed.
+    QString finish() {
+        QByteArray raw;
+        if (m_xxh3) {
+            XXH128_canonical_t canonical;
+            XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(m_xxh3.get()));
+            raw = QByteArray(reinterpret_cast<const char*>(canonical.digest),
+                             sizeof canonical.digest);
+        } else {
+            unsigned char out[EVP_MAX_MD_SIZE];
+            unsigned int outLen = 0;
+            if (!m_ok || EVP_DigestFinal_ex(m_evp.get(), out, &outLen) != 1)
+                return QString();
+            raw = QByteArray(reinterpret_cast<const char*>(out), int(outLen));
+        }
+        return QString::fromLatin1(raw.toHex());
+    }
+
+private:
+    Digest() = default;
+    std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> m_xxh3{nullptr, XXH3_freeState};
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> m_evp{nullptr, EVP_MD_CTX_free};
+    bool m_ok = true;
+};
+
+namespace {
+
+QString contentValue(const QString& path, const QString& canonical) {
+    const std::unique_ptr<Digest> d = Digest::start(canonical);
+    if (!d || !readBlocks(path, [&](const char* data, size_t n) { d->update(data, n); }))
         return QString();
-    const bool read = readBlocks(
-        path, [&](const char* data, size_t n) { XXH3_128bits_update(state.get(), data, n); });
-    if (!read)
-        return QString();
-    XXH128_canonical_t canonical;
-    XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state.get()));
-    return QString::fromLatin1(
-        QByteArray(reinterpret_cast<const char*>(canonical.digest), sizeof canonical.digest)
-            .toHex());
+    return d->finish();
 }
 
 // What a kept value was computed from. `ctimeNs` is, in a kept record, the latest change time
@@ -159,13 +193,7 @@ QString computeFileValue(const QString& path, const QString& method) {
             return QString();
         return QString::number(info.size());
     }
-    if (m == QLatin1String("md5"))
-        return digest(path, EVP_md5());
-    if (m == QLatin1String("sha1"))
-        return digest(path, EVP_sha1());
-    if (m == QLatin1String("sha256"))
-        return digest(path, EVP_sha256());
-    return xxh3(path);
+    return contentValue(path, m);
 }
 
 void prepare() {
@@ -209,6 +237,95 @@ void adoptKeptValue(const QString& path, const QString& method) {
     if (factsOf(native, now) && readRecord(native, m, kept, value) && now.size == kept.size &&
         now.inode == kept.inode)
         writeRecord(native, m, now, value);
+}
+
+WrittenValue::WrittenValue(const QString& method)
+    : m_method(canonicalMethod(method)) {
+    if (m_method != QLatin1String("fileattr"))
+        m_digest = Digest::start(m_method);
+}
+
+WrittenValue::~WrittenValue() = default;
+
+void WrittenValue::add(const char* data, qint64 n) {
+    if (!m_digest || n <= 0)
+        return;
+    m_digest->update(data, size_t(n));
+    m_bytes += n;
+}
+
+void WrittenValue::stop() {
+    m_digest.reset();
+}
+
+bool WrittenValue::keep(const QString& path) {
+    if (!m_digest)
+        return false;
+    const QString value = m_digest->finish();
+    m_digest.reset();
+    const QByteArray native = QFile::encodeName(path);
+    Facts facts;
+    if (value.isEmpty() || !factsOf(native, facts) || facts.size != m_bytes)
+        return false;
+    writeRecord(native, m_method, facts, value);
+    Facts kept;
+    QString keptValue;
+    return readRecord(native, m_method, kept, keptValue) && keptValue == value;
+}
+
+ValueTee::ValueTee(std::streambuf* target, const QString& method)
+    : m_target(target)
+    , m_value(method) {}
+
+std::streamsize ValueTee::xsputn(const char* data, std::streamsize n) {
+    const std::streamsize written = m_target->sputn(data, n);
+    m_value.add(data, written);
+    if (written != n)
+        m_value.stop();
+    return written;
+}
+
+ValueTee::int_type ValueTee::overflow(int_type c) {
+    if (traits_type::eq_int_type(c, traits_type::eof()))
+        return m_target->pubsync() == 0 ? traits_type::not_eof(c) : traits_type::eof();
+    const char ch = traits_type::to_char_type(c);
+    return xsputn(&ch, 1) == 1 ? c : traits_type::eof();
+}
+
+int ValueTee::sync() {
+    return m_target->pubsync();
+}
+
+ValueTee::pos_type ValueTee::checked(pos_type reached) {
+    // A file opened to append writes at its end wherever the position was moved; only a
+    // position at the end of what was written keeps the bytes in the order they were added.
+    if (reached == pos_type(off_type(-1)) || off_type(reached) != m_value.bytes())
+        m_value.stop();
+    return reached;
+}
+
+ValueTee::pos_type ValueTee::seekoff(off_type off, std::ios_base::seekdir dir,
+                                     std::ios_base::openmode which) {
+    return checked(m_target->pubseekoff(off, dir, which));
+}
+
+ValueTee::pos_type ValueTee::seekpos(pos_type pos, std::ios_base::openmode which) {
+    return checked(m_target->pubseekpos(pos, which));
+}
+
+ValueTee::int_type ValueTee::underflow() {
+    m_value.stop();
+    return m_target->sgetc();
+}
+
+ValueTee::int_type ValueTee::uflow() {
+    m_value.stop();
+    return m_target->sbumpc();
+}
+
+std::streamsize ValueTee::xsgetn(char* data, std::streamsize n) {
+    m_value.stop();
+    return m_target->sgetn(data, n);
 }
 
 } // namespace verify

@@ -2,6 +2,9 @@
 
 #include <QString>
 
+#include <memory>
+#include <streambuf>
+
 namespace VESK {
 namespace verify {
 
@@ -36,6 +39,63 @@ void adoptKeptValue(const QString& path, const QString& method);
 // Starts the digest library now (its configuration file, the digests' implementations), so that
 // later values need no file but the one they read: for a thread about to be confined.
 void prepare();
+
+class Digest;
+
+// The verify value of a file computed from its bytes as they are written, so that a receiver need
+// not read the whole file back to verify it: for a file written from empty, in order. It stands
+// for the file only if the file ends up holding exactly the bytes added, which keep() checks by
+// size; like rsync's checksum of the data it receives, it says what was written, not what a
+// failing disk returns later.
+class WrittenValue {
+public:
+    // Nothing is computed for "fileattr" (not a value of the contents).
+    explicit WrittenValue(const QString& method);
+    ~WrittenValue();
+
+    bool active() const { return bool(m_digest); }
+    void add(const char* data, qint64 n);
+    // Something other than an append happened: nothing will be kept.
+    void stop();
+    qint64 bytes() const { return m_bytes; }
+
+    // Keeps the value for the file at `path` as fileValue() keeps one it read, when the file
+    // holds as many bytes as were added; false otherwise (or when it cannot be kept).
+    bool keep(const QString& path);
+
+private:
+    QString m_method;
+    std::unique_ptr<Digest> m_digest;
+    qint64 m_bytes = 0;
+};
+
+// A stream buffer that passes everything on to `target` and adds what is written through it to
+// a WrittenValue. Reading through it, or moving to any position but the end of what was
+// written, stops the value.
+class ValueTee : public std::streambuf {
+public:
+    ValueTee(std::streambuf* target, const QString& method);
+
+    std::streambuf* target() const { return m_target; }
+    WrittenValue& value() { return m_value; }
+
+protected:
+    std::streamsize xsputn(const char* data, std::streamsize n) override;
+    int_type overflow(int_type c) override;
+    int sync() override;
+    pos_type seekoff(off_type off, std::ios_base::seekdir dir,
+                     std::ios_base::openmode which) override;
+    pos_type seekpos(pos_type pos, std::ios_base::openmode which) override;
+    int_type underflow() override;
+    int_type uflow() override;
+    std::streamsize xsgetn(char* data, std::streamsize n) override;
+
+private:
+    pos_type checked(pos_type reached);
+
+    std::streambuf* m_target;
+    WrittenValue m_value;
+};
 
 } // namespace verify
 } // namespace VESK

@@ -1,5 +1,9 @@
+#include "base/Verify.h"
 #include "handler/VeskHandler2_0_0.h"
 
+#include <QFileInfo>
+
+#include <memory>
 #include <udt/udt.h>
 
 namespace VESK {
@@ -30,6 +34,17 @@ bool VeskHandler2_0_0::bulkTransfer(const QString& function, Direction direction
         return false;
     }
 
+    // A new file received from its start gets its verify value from the bytes on their way to
+    // it, so that the verification after the transfer need not read the whole file back.
+    std::unique_ptr<verify::ValueTee> tee;
+    const QString method = getParam("bVerify", "false");
+    if (direction == Direction::Receive && method != "false" && offset == 0 &&
+        QFileInfo(streamPath).size() == 0) {
+        std::ios& ios = *stream;
+        tee = std::make_unique<verify::ValueTee>(ios.rdbuf(), method);
+        ios.rdbuf(tee.get());
+    }
+
     // One library call moves the whole rest of the file; `offset` advances as it goes, so a
     // host-owned counter passed here shows progress while the call runs.
     int64_t position = offset;
@@ -41,7 +56,11 @@ bool VeskHandler2_0_0::bulkTransfer(const QString& function, Direction direction
             : UDT::recvfile(socket, *stream, *cursor, size - position, kRecvBlockBytes);
 
     setParam("transferEndSize", QString::number(offset));
+    if (tee)
+        static_cast<std::ios&>(*stream).rdbuf(tee->target());
     destroyStream();
+    if (tee && result != int64_t(UDT::ERROR))
+        tee->value().keep(streamPath);
 
     if (result == int64_t(UDT::ERROR)) {
         // A pause or cancel closed the socket: that is a stop, not a transport failure.
