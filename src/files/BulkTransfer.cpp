@@ -42,7 +42,10 @@ bool VeskHandler2_0_0::bulkTransfer(const QString& function, Direction direction
         QFileInfo(streamPath).size() == 0) {
         std::ios& ios = *stream;
         tee = std::make_unique<verify::ValueTee>(ios.rdbuf(), method);
-        ios.rdbuf(tee.get());
+        if (tee->value().active()) // not for "fileattr", which reads no contents
+            ios.rdbuf(tee.get());
+        else
+            tee.reset();
     }
 
     // One library call moves the whole rest of the file; `offset` advances as it goes, so a
