@@ -302,6 +302,86 @@ private slots:
                     QString("%1 after %2").arg(sentPerRound[round]).arg(sentPerRound[round - 1])));
     }
 
+    // A connection to a peer whose path earlier connections measured jumps, once its own round
+    // trip confirms the path, to half the window the remembered rate needs, paced at no more
+    // than that rate until those packets are delivered.
+    void resumedStartupJumpsToHalfTheRememberedWindow() {
+        const qint64 rtt = 100'000;
+        const double rate = 80'000; // packets a second
+        RateModel model(0);
+        model.resume(rate, rtt);
+        QCOMPARE(model.windowPackets(), double(RateModel::kInitialWindowPackets));
+        qint64 now = rtt;
+        model.onSent(1);
+        model.onAck(now, 1, rtt + 300, 0);
+        // Half the packets the rate puts on the path in the measured round trip (and UDT's
+        // acknowledgement period).
+        const double half = 0.5 * rate * (rtt + 300 + 10'000) / 1e6;
+        QVERIFY2(model.windowPackets() >= half && model.windowPackets() < half + 10,
+                 qPrintable(QString::number(model.windowPackets())));
+        QVERIFY2(model.sendPeriodUs() >= 1e6 / rate - 0.01,
+                 qPrintable(QString::number(model.sendPeriodUs())));
+        // The jump's packets delivered without heavy loss: the pace is Startup's own again.
+        const qint64 jump = qint64(half);
+        model.onSent(jump);
+        now += rtt;
+        model.onAck(now, jump, rtt, now - rtt);
+        QVERIFY2(model.sendPeriodUs() < 0.5 * 1e6 / rate,
+                 qPrintable(QString::number(model.sendPeriodUs())));
+        QCOMPARE(model.phase(), Phase::Startup);
+        QVERIFY(!model.resumeFailed());
+    }
+
+    // A round trip more than twice or less than half the remembered one is another path: the
+    // connection starts as a first one would.
+    void resumeIgnoresAnotherPath_data() {
+        QTest::addColumn<qint64>("measuredUs");
+        QTest::newRow("longer") << qint64(210'000);
+        QTest::newRow("shorter") << qint64(45'000);
+    }
+    void resumeIgnoresAnotherPath() {
+        QFETCH(qint64, measuredUs);
+        RateModel model(0);
+        model.resume(80'000, 100'000);
+        model.onSent(1);
+        model.onAck(measuredUs, 1, measuredUs, 0);
+        QCOMPARE(model.windowPackets(),
+                 RateModel::kInitialWindowPackets + RateModel::kFirstStartupGrowth);
+    }
+
+    // A jump that loses a large share of its packets found the path changed: the connection
+    // backs off as from an overshooting Startup, and says so.
+    void resumedJumpWithHeavyLossStartsOver() {
+        const qint64 rtt = 100'000;
+        RateModel model(0);
+        model.resume(80'000, rtt);
+        qint64 now = rtt;
+        model.onSent(1);
+        model.onAck(now, 1, rtt, 0);
+        const qint64 jump = qint64(model.windowPackets());
+        QVERIFY(jump > 4000);
+        model.onSent(jump);
+        now += rtt;
+        model.onLoss(now, jump / 2);
+        model.onAck(now, jump / 2, rtt, now - rtt);
+        QVERIFY(model.resumeFailed());
+        QVERIFY(model.phase() != Phase::Startup);
+        QVERIFY2(model.sendPeriodUs() > 2 * 1e6 / 80'000,
+                 qPrintable(QString::number(model.sendPeriodUs())));
+    }
+
+    // Once Startup has ended, a remembered rate changes nothing.
+    void resumeAfterStartupIsIgnored() {
+        Link link;
+        link.run(200, 300, 50'000);
+        QVERIFY(link.model.phase() != Phase::Startup);
+        const double window = link.model.windowPackets();
+        link.model.resume(10 * link.model.bottleneckRate(), 50'000);
+        link.step(300, 50'000);
+        QVERIFY2(link.model.windowPackets() <= 1.01 * window,
+                 qPrintable(QString("%1 after %2").arg(link.model.windowPackets()).arg(window)));
+    }
+
     // The estimate bounds Startup's window. In the first Startup, readings of the round under
     // way, a quarter of a round trip each, lift that bound before the round ends, by no more than
     // a round that tripled would; they stay out of the estimate itself.

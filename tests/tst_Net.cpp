@@ -5,10 +5,12 @@
 #include "base/Net.h"
 #include "base/Wire.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QSet>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
@@ -253,6 +255,9 @@ private slots:
         // (listenOn() also gives its UDP socket the large kernel buffer it may, which a plain
         // UDT::bind() does not: bursts at loopback speed overflow the default one.)
         constexpr int kMss = 1500;
+        // What earlier tests measured of the loopback path would let this connection start at
+        // that rate; the counts below are for one that starts as a first connection does.
+        VESK::net::forgetPaths();
         quint16 port = 0;
         QString error;
         VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error, kMss));
@@ -497,6 +502,67 @@ private slots:
         UdtPair udt = connectedPair();
         VESK::net::setCongestion(VESK::net::Congestion::Vesk);
         QCOMPARE(VESK::net::peerArrivals(udt.client.get()), qint64(-1));
+    }
+
+    // A connection that moved data leaves what it measured of the path for the next ones to
+    // the same address (which start from it); connections that only exchanged messages leave
+    // nothing.
+    void closedConnectionsLeaveWhatTheyMeasured() {
+        VESK::net::forgetPaths();
+        {
+            UdtPair quiet = connectedPair();
+            QVERIFY(quiet.client.valid() && quiet.server.valid());
+            QCOMPARE(UDT::send(quiet.client.get(), "hello", 5, 0), 5);
+            char five[5];
+            QCOMPARE(UDT::recv(quiet.server.get(), five, 5, 0), 5);
+        }
+        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
+        {
+            UdtPair pair = connectedPair();
+            QVERIFY(pair.client.valid() && pair.server.valid());
+            const qint64 total = qint64(256) << 20;
+            std::thread sender([&] {
+                const QByteArray block(4 << 20, 'm');
+                for (qint64 sent = 0; sent < total; sent += block.size()) {
+                    if (UDT::send(pair.client.get(), block.constData(), block.size(), 0) !=
+                        block.size())
+                        return;
+                }
+            });
+            QByteArray chunk(4 << 20, Qt::Uninitialized);
+            qint64 got = 0;
+            while (got < total) {
+                const int n = UDT::recv(pair.server.get(), chunk.data(), chunk.size(), 0);
+                if (n <= 0)
+                    break;
+                got += n;
+            }
+            sender.join();
+            QCOMPARE(got, total);
+        }
+        const double rate = VESK::net::rememberedPathRate("127.0.0.1");
+        QVERIFY2(rate > 0.0, qPrintable(QString::number(rate)));
+
+        // Through a file to the next command, while fresh.
+        QTemporaryDir dir;
+        const QString file = dir.path() + "/cache/paths.json";
+        QVERIFY(VESK::net::savePaths(file));
+        VESK::net::forgetPaths();
+        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
+        QVERIFY(VESK::net::loadPaths(file));
+        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), rate);
+        VESK::net::forgetPaths();
+        QFile stale(file);
+        QVERIFY(stale.open(QIODevice::WriteOnly));
+        const qint64 elevenMinutesAgo = QDateTime::currentMSecsSinceEpoch() - 11 * 60 * 1000;
+        stale.write(QString("{\"paths\":{\"127.0.0.1\":{\"rate\":5000,\"minRttUs\":100,"
+                            "\"at\":%1}}}")
+                        .arg(elevenMinutesAgo)
+                        .toLatin1());
+        stale.close();
+        QVERIFY(VESK::net::loadPaths(file));
+        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
+        QVERIFY(VESK::net::loadPaths(dir.path() + "/missing.json"));
     }
 
     // The note names the limit and the fix when the kernel kept the buffers small (it reports

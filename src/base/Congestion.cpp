@@ -1,7 +1,14 @@
 #include "Congestion.h"
 #include "Net.h"
 
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLoggingCategory>
+#include <QSaveFile>
 
 #include <udt/ccc.h>
 #include <udt/udt.h>
@@ -12,9 +19,13 @@
 #include <atomic>
 #include <chrono>
 #include <limits>
+#include <map>
+#include <mutex>
 #include <new>
 #include <random>
+#include <string>
 #include <type_traits>
+#include <unordered_map>
 
 namespace VESK {
 namespace net {
@@ -110,6 +121,28 @@ void RateModel::onLoss(qint64, qint64 lostPackets) {
         m_roundLost += lostPackets;
 }
 
+void RateModel::resume(double rate, qint64 minRttUs) {
+    if (!m_firstStartup || m_phase != Phase::Startup || rate <= 0.0 || minRttUs <= 0)
+        return;
+    m_resumeRate = rate;
+    m_resumeRttUs = minRttUs;
+}
+
+void RateModel::jumpToRememberedRate() {
+    const double rate = m_resumeRate;
+    m_resumeRate = 0.0;
+    // Another round trip is another path, or the same one with a queue in it.
+    if (!m_firstStartup || m_phase != Phase::Startup || m_minRttUs > 2 * m_resumeRttUs ||
+        2 * m_minRttUs < m_resumeRttUs)
+        return;
+    const double window = 0.5 * bdpPacketsAt(rate);
+    if (window <= m_startupWindow)
+        return;
+    m_startupWindow = window;
+    m_resumePaceCap = rate;
+    m_resumeEndsAt = m_sent + qint64(window);
+}
+
 void RateModel::onTimeout(qint64 nowUs) {
     // UDT also calls this when it merely heard nothing for a while with data waiting to be
     // sent; with nothing in flight that says nothing about the path.
@@ -145,6 +178,8 @@ void RateModel::onAck(qint64 nowUs, qint64 newlyAcked, qint64 rttUs, qint64 acke
         m_roundLowRttUs = std::min(m_roundLowRttUs, smoothedRttUs);
     if (rttUs > 0) {
         updateMinRtt(nowUs, rttUs);
+        if (m_resumeRate > 0.0)
+            jumpToRememberedRate();
         m_roundLowRttUs = std::min(m_roundLowRttUs, rttUs);
         if (m_phase == Phase::ProbeRtt)
             m_probeRttLowUs = std::min(m_probeRttLowUs, rttUs);
@@ -282,6 +317,14 @@ void RateModel::endRound(qint64 nowUs, bool sampled) {
     // random losses.
     const double exposed = double(std::max(m_roundSent, m_sent - m_delivered));
     const bool heavyLoss = m_roundLost > 1 && m_roundLost > kCongestionLossShare * exposed;
+    if (m_resumePaceCap > 0.0 && heavyLoss) {
+        // The remembered rate no longer fits the path: start over as a first connection would.
+        m_startupWindow = kInitialWindowPackets;
+        m_resumePaceCap = 0.0;
+        m_resumeFailed = true;
+    } else if (m_resumePaceCap > 0.0 && m_delivered >= m_resumeEndsAt) {
+        m_resumePaceCap = 0.0;
+    }
     if (heavyLoss && m_bottleneckRate > 0.0) {
         m_bottleneckRate *= kHeavyLossBackoff;
         m_samples.assign(1, {nowUs, m_bottleneckRate});
@@ -367,6 +410,8 @@ void RateModel::endCycle(qint64 nowUs) {
 
 void RateModel::enter(Phase phase, qint64 nowUs) {
     m_firstStartup = false;
+    m_resumeRate = 0.0;
+    m_resumePaceCap = 0.0;
     m_phase = phase;
     m_phaseStartUs = nowUs;
     m_cycleStartUs = nowUs;
@@ -437,7 +482,10 @@ double RateModel::sendPeriodUs() const {
     const double rate = std::max(startupRate(), startupWindowRate());
     if (rate <= 0.0)
         return kInitialPeriodUs;
-    return 1e6 / (pacingGain() * std::max(rate, floorRate()));
+    double paced = pacingGain() * std::max(rate, floorRate());
+    if (m_resumePaceCap > 0.0)
+        paced = std::min(paced, std::max(m_resumePaceCap, floorRate()));
+    return 1e6 / paced;
 }
 
 double RateModel::boundWindow(double gain) const {
@@ -693,8 +741,54 @@ private:
 // UDT calls onPktSent() on its sending thread and everything else on its receiving thread, so
 // the sending side only records how far it got and when each packet left, and the model runs on
 // the receiving thread.
+class VeskCongestion;
+
+// What connections measured of the path to each peer address (joinPath()), and the connections
+// to it that are open now.
+struct PathEntry {
+    double rate = 0.0; // packets a second, all connections to the peer together
+    qint64 minRttUs = 0;
+    qint64 stampUs = 0; // when it was measured
+    std::vector<VeskCongestion*> open;
+};
+
+// A measurement is trusted for this long; the paths of a machine seldom change faster, and a
+// resumed connection that finds its path changed starts over (RateModel::resume()).
+constexpr qint64 kPathMemoryUs = 10LL * 60 * 1'000'000;
+// Peers remembered at most: a server sees many.
+constexpr size_t kMaxPaths = 4096;
+
+std::mutex g_pathsLock;
+std::unordered_map<std::string, PathEntry> g_paths;
+
 class VeskCongestion : public CCC {
 public:
+    ~VeskCongestion() override { leavePath(); }
+
+    void close() override { leavePath(); }
+
+    // See joinPath(). Called on the thread that connected or accepted the socket.
+    void joinPath(const std::string& peer) {
+        std::lock_guard<std::mutex> lock(g_pathsLock);
+        if (!m_path.empty() || peer.empty())
+            return;
+        const qint64 now = monotonicUs();
+        if (g_paths.size() >= kMaxPaths && !g_paths.count(peer))
+            forgetOldPaths(now);
+        PathEntry& entry = g_paths[peer];
+        if (entry.rate > 0.0 && now - entry.stampUs <= kPathMemoryUs) {
+            // The connections open to the peer keep their share (those not yet moving data
+            // soon will), and a new one takes its own.
+            m_resumeRttUs.store(entry.minRttUs);
+            m_resumeRate.store(entry.rate / double(entry.open.size() + 1));
+        }
+        qCDebug(lcCongestion, "%p joins %s: %.0f packets/s over %d, round trip %lld",
+                static_cast<const void*>(this), peer.c_str(), m_resumeRate.load(),
+                int(entry.open.size()), entry.minRttUs);
+        entry.open.push_back(this);
+        m_path = peer;
+    }
+
     void init() override {
         static std::atomic<unsigned> flows{0};
         std::minstd_rand random(unsigned(monotonicUs()) ^ (flows++ * 2654435761u));
@@ -719,6 +813,9 @@ public:
     void onACK(int32_t ack) override {
         const qint64 now = monotonicUs();
         catchUpSent();
+        const double resumeRate = m_resumeRate.exchange(0.0);
+        if (resumeRate > 0.0)
+            m_model.resume(resumeRate, m_resumeRttUs.load());
         qint64 acked = 0;
         if (m_lastAck < 0) {
             const int32_t first = m_firstSent.load(std::memory_order_acquire);
@@ -859,7 +956,65 @@ private:
         m_countedSent = highest;
     }
 
+    // Leaves the peer's entry of g_paths, and leaves there what this connection and those still
+    // open to the peer measure together.
+    void leavePath() {
+        std::lock_guard<std::mutex> lock(g_pathsLock);
+        if (m_path.empty())
+            return;
+        const auto it = g_paths.find(m_path);
+        m_path.clear();
+        if (it == g_paths.end())
+            return;
+        PathEntry& entry = it->second;
+        // What the connections open now measure together is what the path carries at least.
+        // A connection alone at the end, or among others that have not measured yet, sees
+        // less than the path carries, so a recent larger value stays; one whose jump to that
+        // value lost many packets found the path changed, and replaces it.
+        double rate = 0.0;
+        for (const VeskCongestion* flow : entry.open)
+            rate += flow->m_shownRate.load();
+        const qint64 now = monotonicUs();
+        if (m_shownRate.load() > 0.0) {
+            if (!m_resumeFailed.load() && now - entry.stampUs <= kPathMemoryUs)
+                rate = std::max(rate, entry.rate);
+            entry.rate = rate;
+            entry.minRttUs = m_shownMinRtt.load();
+            entry.stampUs = now;
+        }
+        entry.open.erase(std::remove(entry.open.begin(), entry.open.end(), this), entry.open.end());
+        qCDebug(lcCongestion, "%p leaves: own %.0f, path %.0f packets/s, %d open",
+                static_cast<const void*>(this), m_shownRate.load(), entry.rate,
+                int(entry.open.size()));
+        if (entry.open.empty() && entry.rate <= 0.0)
+            g_paths.erase(it);
+    }
+
+    static void forgetOldPaths(qint64 now) {
+        for (auto it = g_paths.begin(); it != g_paths.end();) {
+            if (it->second.open.empty() && now - it->second.stampUs > kPathMemoryUs)
+                it = g_paths.erase(it);
+            else
+                ++it;
+        }
+        if (g_paths.size() < kMaxPaths)
+            return;
+        // Still full: the longest unmeasured of the idle ones goes.
+        auto oldest = g_paths.end();
+        for (auto it = g_paths.begin(); it != g_paths.end(); ++it) {
+            if (it->second.open.empty() &&
+                (oldest == g_paths.end() || it->second.stampUs < oldest->second.stampUs))
+                oldest = it;
+        }
+        if (oldest != g_paths.end())
+            g_paths.erase(oldest);
+    }
+
     void apply() {
+        m_shownRate.store(m_model.pathMeasured() ? m_model.bottleneckRate() : 0.0);
+        m_shownMinRtt.store(m_model.minRtt());
+        if (m_model.resumeFailed())
+            m_resumeFailed.store(true);
         // The acknowledgement names the first packet not received: a packet reported missing
         // at or after it still leaves a hole.
         m_model.setHoleOpen(m_highestLost >= 0 && m_lastAck >= 0 &&
@@ -918,6 +1073,14 @@ private:
     int32_t m_highestLost = -1;
     std::atomic<qint64> m_busyTimeoutUs{RateModel::kUnmeasuredTimeoutUs};
     std::atomic<bool> m_idle{false};
+    // The model's estimate for other threads (0: not measured yet), and its round trip.
+    std::atomic<double> m_shownRate{0.0};
+    std::atomic<qint64> m_shownMinRtt{0};
+    // What joinPath() found for this connection, for RateModel::resume() on UDT's thread.
+    std::atomic<double> m_resumeRate{0.0};
+    std::atomic<qint64> m_resumeRttUs{0};
+    std::atomic<bool> m_resumeFailed{false};
+    std::string m_path; // the peer's entry of g_paths; guarded by g_pathsLock
 };
 
 } // namespace
@@ -943,6 +1106,116 @@ VeskCongestion* veskControlOf(int socket) {
 
 Congestion congestionOf(int socket) {
     return veskControlOf(socket) ? Congestion::Vesk : Congestion::Udt;
+}
+
+void joinPath(int socket, const QString& peer) {
+    if (VeskCongestion* control = veskControlOf(socket))
+        control->joinPath(peer.toStdString());
+}
+
+double rememberedPathRate(const QString& peer) {
+    std::lock_guard<std::mutex> lock(g_pathsLock);
+    const auto it = g_paths.find(peer.toStdString());
+    if (it == g_paths.end() || monotonicUs() - it->second.stampUs > kPathMemoryUs)
+        return 0.0;
+    return it->second.rate;
+}
+
+void forgetPaths() {
+    std::lock_guard<std::mutex> lock(g_pathsLock);
+    for (auto it = g_paths.begin(); it != g_paths.end();) {
+        it->second.rate = 0.0;
+        if (it->second.open.empty())
+            it = g_paths.erase(it);
+        else
+            ++it;
+    }
+}
+
+namespace {
+
+// A measurement in a file: its age is kept as wall-clock time, monotonic time being this
+// process's own.
+struct SavedPath {
+    double rate = 0.0;
+    qint64 minRttUs = 0;
+    qint64 atMs = 0; // milliseconds since the epoch
+};
+
+bool readSavedPaths(const QString& file, std::map<std::string, SavedPath>& paths) {
+    QFile in(file);
+    if (!in.exists())
+        return true;
+    if (!in.open(QIODevice::ReadOnly))
+        return false;
+    const QJsonDocument doc = QJsonDocument::fromJson(in.readAll());
+    const QJsonObject all = doc.object().value("paths").toObject();
+    for (auto it = all.begin(); it != all.end(); ++it) {
+        const QJsonObject one = it.value().toObject();
+        SavedPath saved{one.value("rate").toDouble(), qint64(one.value("minRttUs").toDouble()),
+                        qint64(one.value("at").toDouble())};
+        if (saved.rate > 0.0 && saved.minRttUs > 0)
+            paths[it.key().toStdString()] = saved;
+    }
+    return true;
+}
+
+} // namespace
+
+bool loadPaths(const QString& file) {
+    std::map<std::string, SavedPath> saved;
+    if (!readSavedPaths(file, saved))
+        return false;
+    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    const qint64 now = monotonicUs();
+    std::lock_guard<std::mutex> lock(g_pathsLock);
+    for (const auto& one : saved) {
+        const qint64 ageUs = (nowMs - one.second.atMs) * 1000;
+        if (ageUs < 0 || ageUs > kPathMemoryUs)
+            continue;
+        PathEntry& entry = g_paths[one.first];
+        if (entry.rate > 0.0 && entry.stampUs >= now - ageUs)
+            continue;
+        entry.rate = one.second.rate;
+        entry.minRttUs = one.second.minRttUs;
+        entry.stampUs = now - ageUs;
+    }
+    return true;
+}
+
+bool savePaths(const QString& file) {
+    std::map<std::string, SavedPath> paths;
+    readSavedPaths(file, paths);
+    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+    const qint64 now = monotonicUs();
+    {
+        std::lock_guard<std::mutex> lock(g_pathsLock);
+        for (const auto& one : g_paths) {
+            const PathEntry& entry = one.second;
+            if (entry.rate <= 0.0 || now - entry.stampUs > kPathMemoryUs)
+                continue;
+            const qint64 atMs = nowMs - (now - entry.stampUs) / 1000;
+            SavedPath& saved = paths[one.first];
+            if (saved.atMs <= atMs)
+                saved = {entry.rate, entry.minRttUs, atMs};
+        }
+    }
+    QJsonObject all;
+    for (const auto& one : paths) {
+        if (nowMs - one.second.atMs > kPathMemoryUs / 1000)
+            continue;
+        all.insert(QString::fromStdString(one.first),
+                   QJsonObject{{"rate", one.second.rate},
+                               {"minRttUs", double(one.second.minRttUs)},
+                               {"at", double(one.second.atMs)}});
+    }
+    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
+        return false;
+    QSaveFile out(file);
+    if (!out.open(QIODevice::WriteOnly))
+        return false;
+    out.write(QJsonDocument(QJsonObject{{"paths", all}}).toJson(QJsonDocument::Compact));
+    return out.commit();
 }
 
 qint64 peerArrivals(int socket) {

@@ -102,12 +102,24 @@ public:
     // alone lags the path's by as much. The peer's count keeps moving: rate samples take the
     // larger of the two readings, and Startup's window grows with whichever has moved further.
     void onArrivals(qint64 nowUs, qint64 arrived, qint64 peerUs);
+    // The last connections to the same peer found the path to carry `rate` packets a second
+    // (this connection's share of it) with a shortest round trip of `minRttUs`. Once this
+    // connection has measured its own round trip and finds it within a factor of two of that,
+    // its first Startup jumps to half the window that rate needs, paced at no more than the rate
+    // until those packets are delivered, instead of growing to it from a first window over
+    // several round trips. If that round loses a large share of its packets, the path has
+    // changed, and Startup starts over from a first window. Ignored once Startup has ended.
+    void resume(double rate, qint64 minRttUs);
     // Nothing was acknowledged for a while. UDT's peer reports a lost packet once; when the
     // resend is lost too, only this timeout recovers it, so a single one is no sign of
     // congestion. A second one in a row halves the rate and starts over.
     void onTimeout(qint64 nowUs);
 
     Phase phase() const { return m_phase; }
+    // A jump of resume() lost a large share of its packets.
+    bool resumeFailed() const { return m_resumeFailed; }
+    // The rate estimate comes from rounds that had data enough to fill their window.
+    bool pathMeasured() const { return m_startupBestRate > 0.0 || m_phase != Phase::Startup; }
     // Estimated bottleneck rate in packets per second (0 before the first sample).
     double bottleneckRate() const { return m_bottleneckRate; }
     // Shortest round trip seen recently, microseconds (0 before the first).
@@ -154,6 +166,8 @@ private:
     // `sampled`: the round also closed a rate sample.
     void endRound(qint64 nowUs, bool sampled);
     void updateMinRtt(qint64 nowUs, qint64 rttUs);
+    // Applies resume() once the round trip is known.
+    void jumpToRememberedRate();
     // A probing cycle of Cruise ends.
     void endCycle(qint64 nowUs);
     void enter(Phase phase, qint64 nowUs);
@@ -209,6 +223,13 @@ private:
     // The first Startup's highest reading so far (see kFirstStartupGrowth).
     double m_startupReadingRate = 0.0;
     bool m_holeOpen = false; // see setHoleOpen()
+    // resume(): the rate and round trip to check against (0: none), and while the jump's
+    // packets are on their way, the pace's cap and the count of deliveries that ends it.
+    double m_resumeRate = 0.0;
+    qint64 m_resumeRttUs = 0;
+    double m_resumePaceCap = 0.0;
+    qint64 m_resumeEndsAt = 0;
+    bool m_resumeFailed = false;
     // The estimate at the ends of the last probing cycles (or the start of the phase), oldest
     // first; 0 where there was none yet.
     std::deque<double> m_cycleBaseRates;
@@ -292,6 +313,23 @@ std::vector<qint32> lossReport(const std::vector<qint64>& sequences, qint32 wire
 bool useCongestion(int socket, Congestion congestion);
 // The control a connected socket runs.
 Congestion congestionOf(int socket);
+// Lets a connected socket's first Startup begin from what the connections to the same peer
+// address measured of the path in the last minutes (RateModel::resume()), shared with the
+// connections to it that move data now; and has what this one measures left for the next when
+// it closes. Called after connect or accept, before the socket carries data. Nothing for a
+// socket that runs UDT's control.
+void joinPath(int socket, const QString& peer);
+// What the connections to `peer` (an address as joinPath() takes it) measured of the path
+// together in the last minutes, packets a second; 0 when nothing.
+double rememberedPathRate(const QString& peer);
+// Forgets every measurement kept for joinPath(); connections open now stay counted.
+void forgetPaths();
+// Measurements for joinPath() in a file, so that one command can start from what the last
+// ones measured: loadPaths() takes those still fresh (keeping a newer one of this process);
+// savePaths() adds this process's to the file's (a newer one of either wins), replacing the
+// file at once. False when the file cannot be read or written; a missing file is empty.
+bool loadPaths(const QString& file);
+bool savePaths(const QString& file);
 // Data packets the peer of a connected socket last reported as arrived; -1 when the socket runs
 // UDT's control, which has no such reports.
 qint64 peerArrivals(int socket);

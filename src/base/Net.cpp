@@ -100,16 +100,22 @@ QString systemError() {
 }
 
 // "1.2.3.4:PORT" or "[::1]:PORT".
-QString describe(const Address& addr) {
+// The address without its port, as text.
+QString hostOf(const Address& addr) {
     char text[INET6_ADDRSTRLEN] = {};
-    if (addr.family() == AF_INET6) {
+    if (addr.family() == AF_INET6)
         ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(&addr.storage)->sin6_addr,
                     text, sizeof text);
-        return QStringLiteral("[%1]:%2").arg(QString::fromLatin1(text)).arg(addr.port());
-    }
-    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(&addr.storage)->sin_addr, text,
-                sizeof text);
-    return QStringLiteral("%1:%2").arg(QString::fromLatin1(text)).arg(addr.port());
+    else
+        ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(&addr.storage)->sin_addr, text,
+                    sizeof text);
+    return QString::fromLatin1(text);
+}
+
+QString describe(const Address& addr) {
+    if (addr.family() == AF_INET6)
+        return QStringLiteral("[%1]:%2").arg(hostOf(addr)).arg(addr.port());
+    return QStringLiteral("%1:%2").arg(hostOf(addr)).arg(addr.port());
 }
 
 } // namespace
@@ -428,6 +434,7 @@ int connectTo(const QString& host, quint16 port, QString* error) {
         return -1;
     }
     wakeReceiver(socket.get());
+    joinPath(socket.get(), hostOf(addr));
     return socket.release();
 }
 
@@ -462,6 +469,7 @@ int acceptOn(int listener, QString* peer, QString* error) {
         setError(error, QStringLiteral("accept failed: %1").arg(udtError()));
         return -1;
     }
+    joinPath(s, hostOf(addr));
     if (peer)
         *peer = describe(addr);
     return s;

@@ -8,8 +8,11 @@
 #include "ServeCommand.h"
 #include "SignalHandling.h"
 
+#include "base/Congestion.h"
+
 #include <QCoreApplication>
 #include <QLoggingCategory>
+#include <QStandardPaths>
 
 #include <cstdio>
 #include <cstdlib>
@@ -70,6 +73,24 @@ void setLogDefaults(const QString& command) {
     }
 }
 
+// What this user's last copies measured of their paths, so that a copy to the same server
+// starts from that rate instead of finding it again over several round trips (see
+// net::joinPath()). A cache: when it cannot be read or written, copies start as first ones do.
+class PathCache {
+public:
+    PathCache()
+        : m_file(QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
+                 QStringLiteral("/vesk/paths.json")) {
+        VESK::net::loadPaths(m_file);
+    }
+    ~PathCache() { VESK::net::savePaths(m_file); }
+    PathCache(const PathCache&) = delete;
+    PathCache& operator=(const PathCache&) = delete;
+
+private:
+    QString m_file;
+};
+
 int runCommand(const QStringList& args) {
     const QString command = args.value(0);
     // "vesk help COMMAND" is "vesk COMMAND --help".
@@ -87,10 +108,14 @@ int runCommand(const QStringList& args) {
     setLogDefaults(command);
     if (command == QLatin1String("serve"))
         return runServe(args);
-    if (command == QLatin1String("upload"))
+    if (command == QLatin1String("upload")) {
+        PathCache paths;
         return runUpload(args);
-    if (command == QLatin1String("download"))
+    }
+    if (command == QLatin1String("download")) {
+        PathCache paths;
         return runDownload(args);
+    }
     if (command == QLatin1String("ls") || command == QLatin1String("list"))
         return runList(args);
     if (command == QLatin1String("mkdir"))
