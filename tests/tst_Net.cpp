@@ -551,17 +551,21 @@ private slots:
         QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
         QVERIFY(VESK::net::loadPaths(file));
         QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), rate);
-        VESK::net::forgetPaths();
-        QFile stale(file);
-        QVERIFY(stale.open(QIODevice::WriteOnly));
-        const qint64 elevenMinutesAgo = QDateTime::currentMSecsSinceEpoch() - 11 * 60 * 1000;
-        stale.write(QString("{\"paths\":{\"127.0.0.1\":{\"rate\":5000,\"minRttUs\":100,"
-                            "\"at\":%1}}}")
-                        .arg(elevenMinutesAgo)
-                        .toLatin1());
-        stale.close();
-        QVERIFY(VESK::net::loadPaths(file));
-        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
+        // A measurement older than the memory, or dated ahead of the clock (which may have
+        // been set back since), is not taken.
+        const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
+        for (const qint64 atMs : {nowMs - 11 * 60 * 1000, nowMs + 24 * 3600 * 1000}) {
+            VESK::net::forgetPaths();
+            QFile saved(file);
+            QVERIFY(saved.open(QIODevice::WriteOnly));
+            saved.write(QString("{\"paths\":{\"127.0.0.1\":{\"rate\":5000,\"minRttUs\":100,"
+                                "\"at\":%1}}}")
+                            .arg(atMs)
+                            .toLatin1());
+            saved.close();
+            QVERIFY(VESK::net::loadPaths(file));
+            QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
+        }
         QVERIFY(VESK::net::loadPaths(dir.path() + "/missing.json"));
     }
 

@@ -7,6 +7,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLockFile>
 #include <QLoggingCategory>
 #include <QSaveFile>
 
@@ -131,9 +132,12 @@ void RateModel::resume(double rate, qint64 minRttUs) {
 void RateModel::jumpToRememberedRate() {
     const double rate = m_resumeRate;
     m_resumeRate = 0.0;
-    // Another round trip is another path, or the same one with a queue in it.
-    if (!m_firstStartup || m_phase != Phase::Startup || m_minRttUs > 2 * m_resumeRttUs ||
-        2 * m_minRttUs < m_resumeRttUs)
+    // Another round trip is another path, or the same one with a queue in it. The first
+    // sample may include a wait for the peer's acknowledgement timer, which on a short path is
+    // most of it.
+    if (!m_firstStartup || m_phase != Phase::Startup ||
+        m_minRttUs > 2 * m_resumeRttUs + kAckPeriodUs ||
+        2 * m_minRttUs + kAckPeriodUs < m_resumeRttUs)
         return;
     const double window = 0.5 * bdpPacketsAt(rate);
     if (window <= m_startupWindow)
@@ -755,6 +759,8 @@ struct PathEntry {
 // A measurement is trusted for this long; the paths of a machine seldom change faster, and a
 // resumed connection that finds its path changed starts over (RateModel::resume()).
 constexpr qint64 kPathMemoryUs = 10LL * 60 * 1'000'000;
+// A measurement below this share of the remembered one leaves that in place (leavePath()).
+constexpr double kPathKeepShare = 0.8;
 // Peers remembered at most: a server sees many.
 constexpr size_t kMaxPaths = 4096;
 
@@ -776,17 +782,34 @@ public:
         if (g_paths.size() >= kMaxPaths && !g_paths.count(peer))
             forgetOldPaths(now);
         PathEntry& entry = g_paths[peer];
-        if (entry.rate > 0.0 && now - entry.stampUs <= kPathMemoryUs) {
-            // The connections open to the peer keep their share (those not yet moving data
-            // soon will), and a new one takes its own.
-            m_resumeRttUs.store(entry.minRttUs);
-            m_resumeRate.store(entry.rate / double(entry.open.size() + 1));
-        }
-        qCDebug(lcCongestion, "%p joins %s: %.0f packets/s over %d, round trip %lld",
-                static_cast<const void*>(this), peer.c_str(), m_resumeRate.load(),
-                int(entry.open.size()), entry.minRttUs);
         entry.open.push_back(this);
         m_path = peer;
+        m_resumePending.store(true);
+        qCDebug(lcCongestion, "%p joins %s: %.0f packets/s remembered, %d open",
+                static_cast<const void*>(this), peer.c_str(), entry.rate, int(entry.open.size()));
+    }
+
+    // This connection's share of the rate remembered for its peer, and the round trip it was
+    // measured with, taken when the connection first hears from the peer: connections opened
+    // together (the files of a tree) are all open by then and divide the rate among them, where
+    // shares fixed as each joined would add up to twice the rate.
+    void takeRememberedShare() {
+        double rate = 0.0;
+        qint64 rtt = 0;
+        {
+            std::lock_guard<std::mutex> lock(g_pathsLock);
+            const auto it = g_paths.find(m_path);
+            if (it == g_paths.end())
+                return;
+            const PathEntry& entry = it->second;
+            if (entry.rate <= 0.0 || monotonicUs() - entry.stampUs > kPathMemoryUs)
+                return;
+            rate = entry.rate / double(std::max<size_t>(entry.open.size(), 1));
+            rtt = entry.minRttUs;
+        }
+        qCDebug(lcCongestion, "%p resumes at %.0f packets/s, round trip %lld",
+                static_cast<const void*>(this), rate, rtt);
+        m_model.resume(rate, rtt);
     }
 
     void init() override {
@@ -813,9 +836,8 @@ public:
     void onACK(int32_t ack) override {
         const qint64 now = monotonicUs();
         catchUpSent();
-        const double resumeRate = m_resumeRate.exchange(0.0);
-        if (resumeRate > 0.0)
-            m_model.resume(resumeRate, m_resumeRttUs.load());
+        if (m_resumePending.exchange(false))
+            takeRememberedShare();
         qint64 acked = 0;
         if (m_lastAck < 0) {
             const int32_t first = m_firstSent.load(std::memory_order_acquire);
@@ -968,16 +990,18 @@ private:
             return;
         PathEntry& entry = it->second;
         // What the connections open now measure together is what the path carries at least.
-        // A connection alone at the end, or among others that have not measured yet, sees
-        // less than the path carries, so a recent larger value stays; one whose jump to that
-        // value lost many packets found the path changed, and replaces it.
+        // It replaces the remembered value unless it is much lower: a connection alone at the
+        // end of a tree, or among others that have not measured yet, sees less than the path
+        // carries, and the larger value then stays, but ages as it was and expires. A
+        // connection whose jump to the remembered value lost many packets found the path
+        // changed, and replaces it whatever it measured.
         double rate = 0.0;
         for (const VeskCongestion* flow : entry.open)
             rate += flow->m_shownRate.load();
         const qint64 now = monotonicUs();
-        if (m_shownRate.load() > 0.0) {
-            if (!m_resumeFailed.load() && now - entry.stampUs <= kPathMemoryUs)
-                rate = std::max(rate, entry.rate);
+        const bool fresh = now - entry.stampUs <= kPathMemoryUs;
+        if (m_shownRate.load() > 0.0 &&
+            (m_resumeFailed.load() || !fresh || rate >= kPathKeepShare * entry.rate)) {
             entry.rate = rate;
             entry.minRttUs = m_shownMinRtt.load();
             entry.stampUs = now;
@@ -1076,9 +1100,8 @@ private:
     // The model's estimate for other threads (0: not measured yet), and its round trip.
     std::atomic<double> m_shownRate{0.0};
     std::atomic<qint64> m_shownMinRtt{0};
-    // What joinPath() found for this connection, for RateModel::resume() on UDT's thread.
-    std::atomic<double> m_resumeRate{0.0};
-    std::atomic<qint64> m_resumeRttUs{0};
+    // joinPath() found the peer: takeRememberedShare() is due on UDT's thread.
+    std::atomic<bool> m_resumePending{false};
     std::atomic<bool> m_resumeFailed{false};
     std::string m_path; // the peer's entry of g_paths; guarded by g_pathsLock
 };
@@ -1134,6 +1157,8 @@ void forgetPaths() {
 
 namespace {
 
+constexpr double kMaxSavedRate = 100e9 / 8 / 576;
+
 // A measurement in a file: its age is kept as wall-clock time, monotonic time being this
 // process's own.
 struct SavedPath {
@@ -1150,12 +1175,20 @@ bool readSavedPaths(const QString& file, std::map<std::string, SavedPath>& paths
         return false;
     const QJsonDocument doc = QJsonDocument::fromJson(in.readAll());
     const QJsonObject all = doc.object().value("paths").toObject();
+    const double nowMs = double(QDateTime::currentMSecsSinceEpoch());
     for (auto it = all.begin(); it != all.end(); ++it) {
         const QJsonObject one = it.value().toObject();
-        SavedPath saved{one.value("rate").toDouble(), qint64(one.value("minRttUs").toDouble()),
-                        qint64(one.value("at").toDouble())};
-        if (saved.rate > 0.0 && saved.minRttUs > 0)
-            paths[it.key().toStdString()] = saved;
+        const double rate = one.value("rate").toDouble();
+        const double rttUs = one.value("minRttUs").toDouble();
+        const double atMs = one.value("at").toDouble();
+        // Anything else is not a measurement of ours: a rate beyond 100 Gbit/s of the
+        // smallest packets, a round trip beyond a minute, a time ahead of the clock (which may
+        // have been set back since) or older than the memory.
+        if (!(rate > 0.0 && rate <= kMaxSavedRate && rttUs >= 1.0 && rttUs <= 60e6 &&
+              atMs <= nowMs + 1000.0 && atMs >= nowMs - double(kPathMemoryUs / 1000)) ||
+            paths.size() >= kMaxPaths)
+            continue;
+        paths[it.key().toStdString()] = {rate, qint64(rttUs), qint64(atMs)};
     }
     return true;
 }
@@ -1184,6 +1217,13 @@ bool loadPaths(const QString& file) {
 }
 
 bool savePaths(const QString& file) {
+    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
+        return false;
+    // Commands that end together would otherwise each write what they read before the other
+    // wrote.
+    QLockFile lock(file + QStringLiteral(".lock"));
+    if (!lock.tryLock(2000))
+        return false;
     std::map<std::string, SavedPath> paths;
     readSavedPaths(file, paths);
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
@@ -1202,15 +1242,13 @@ bool savePaths(const QString& file) {
     }
     QJsonObject all;
     for (const auto& one : paths) {
-        if (nowMs - one.second.atMs > kPathMemoryUs / 1000)
+        if (nowMs - one.second.atMs > kPathMemoryUs / 1000 || all.size() >= int(kMaxPaths))
             continue;
         all.insert(QString::fromStdString(one.first),
                    QJsonObject{{"rate", one.second.rate},
                                {"minRttUs", double(one.second.minRttUs)},
                                {"at", double(one.second.atMs)}});
     }
-    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
-        return false;
     QSaveFile out(file);
     if (!out.open(QIODevice::WriteOnly))
         return false;
