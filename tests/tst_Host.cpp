@@ -554,8 +554,6 @@ private:
 private slots:
     void initTestCase() {
         QVERIFY(QFileInfo(kVesk).isExecutable());
-        // The clients' measurements of their paths stay with this test, not the user's cache.
-        qputenv("XDG_CACHE_HOME", QFile::encodeName(m_data.path() + "/cache"));
         m_big = m_data.path() + "/big.bin";
         QVERIFY(writePatternFile(m_big, kBigSize, 7));
     }

@@ -5,12 +5,10 @@
 #include "base/Net.h"
 #include "base/Wire.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QSet>
-#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
@@ -543,30 +541,8 @@ private slots:
         const double rate = VESK::net::rememberedPathRate("127.0.0.1");
         QVERIFY2(rate > 0.0, qPrintable(QString::number(rate)));
 
-        // Through a file to the next command, while fresh.
-        QTemporaryDir dir;
-        const QString file = dir.path() + "/cache/paths.json";
-        QVERIFY(VESK::net::savePaths(file));
         VESK::net::forgetPaths();
         QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
-        QVERIFY(VESK::net::loadPaths(file));
-        QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), rate);
-        // A measurement older than the memory, or dated ahead of the clock (which may have
-        // been set back since), is not taken.
-        const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-        for (const qint64 atMs : {nowMs - 11 * 60 * 1000, nowMs + 24 * 3600 * 1000}) {
-            VESK::net::forgetPaths();
-            QFile saved(file);
-            QVERIFY(saved.open(QIODevice::WriteOnly));
-            saved.write(QString("{\"paths\":{\"127.0.0.1\":{\"rate\":5000,\"minRttUs\":100,"
-                                "\"at\":%1}}}")
-                            .arg(atMs)
-                            .toLatin1());
-            saved.close();
-            QVERIFY(VESK::net::loadPaths(file));
-            QCOMPARE(VESK::net::rememberedPathRate("127.0.0.1"), 0.0);
-        }
-        QVERIFY(VESK::net::loadPaths(dir.path() + "/missing.json"));
     }
 
     // The note names the limit and the fix when the kernel kept the buffers small (it reports

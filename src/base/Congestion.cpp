@@ -1,15 +1,7 @@
 #include "Congestion.h"
 #include "Net.h"
 
-#include <QDateTime>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QLockFile>
 #include <QLoggingCategory>
-#include <QSaveFile>
 
 #include <udt/ccc.h>
 #include <udt/udt.h>
@@ -20,7 +12,6 @@
 #include <atomic>
 #include <chrono>
 #include <limits>
-#include <map>
 #include <mutex>
 #include <new>
 #include <random>
@@ -1153,107 +1144,6 @@ void forgetPaths() {
         else
             ++it;
     }
-}
-
-namespace {
-
-constexpr double kMaxSavedRate = 100e9 / 8 / 576;
-
-// A measurement in a file: its age is kept as wall-clock time, monotonic time being this
-// process's own.
-struct SavedPath {
-    double rate = 0.0;
-    qint64 minRttUs = 0;
-    qint64 atMs = 0; // milliseconds since the epoch
-};
-
-bool readSavedPaths(const QString& file, std::map<std::string, SavedPath>& paths) {
-    QFile in(file);
-    if (!in.exists())
-        return true;
-    if (!in.open(QIODevice::ReadOnly))
-        return false;
-    const QJsonDocument doc = QJsonDocument::fromJson(in.readAll());
-    const QJsonObject all = doc.object().value("paths").toObject();
-    const double nowMs = double(QDateTime::currentMSecsSinceEpoch());
-    for (auto it = all.begin(); it != all.end(); ++it) {
-        const QJsonObject one = it.value().toObject();
-        const double rate = one.value("rate").toDouble();
-        const double rttUs = one.value("minRttUs").toDouble();
-        const double atMs = one.value("at").toDouble();
-        // Anything else is not a measurement of ours: a rate beyond 100 Gbit/s of the
-        // smallest packets, a round trip beyond a minute, a time ahead of the clock (which may
-        // have been set back since) or older than the memory.
-        if (!(rate > 0.0 && rate <= kMaxSavedRate && rttUs >= 1.0 && rttUs <= 60e6 &&
-              atMs <= nowMs + 1000.0 && atMs >= nowMs - double(kPathMemoryUs / 1000)) ||
-            paths.size() >= kMaxPaths)
-            continue;
-        paths[it.key().toStdString()] = {rate, qint64(rttUs), qint64(atMs)};
-    }
-    return true;
-}
-
-} // namespace
-
-bool loadPaths(const QString& file) {
-    std::map<std::string, SavedPath> saved;
-    if (!readSavedPaths(file, saved))
-        return false;
-    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    const qint64 now = monotonicUs();
-    std::lock_guard<std::mutex> lock(g_pathsLock);
-    for (const auto& one : saved) {
-        const qint64 ageUs = (nowMs - one.second.atMs) * 1000;
-        if (ageUs < 0 || ageUs > kPathMemoryUs)
-            continue;
-        PathEntry& entry = g_paths[one.first];
-        if (entry.rate > 0.0 && entry.stampUs >= now - ageUs)
-            continue;
-        entry.rate = one.second.rate;
-        entry.minRttUs = one.second.minRttUs;
-        entry.stampUs = now - ageUs;
-    }
-    return true;
-}
-
-bool savePaths(const QString& file) {
-    if (!QDir().mkpath(QFileInfo(file).absolutePath()))
-        return false;
-    // Commands that end together would otherwise each write what they read before the other
-    // wrote.
-    QLockFile lock(file + QStringLiteral(".lock"));
-    if (!lock.tryLock(2000))
-        return false;
-    std::map<std::string, SavedPath> paths;
-    readSavedPaths(file, paths);
-    const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
-    const qint64 now = monotonicUs();
-    {
-        std::lock_guard<std::mutex> lock(g_pathsLock);
-        for (const auto& one : g_paths) {
-            const PathEntry& entry = one.second;
-            if (entry.rate <= 0.0 || now - entry.stampUs > kPathMemoryUs)
-                continue;
-            const qint64 atMs = nowMs - (now - entry.stampUs) / 1000;
-            SavedPath& saved = paths[one.first];
-            if (saved.atMs <= atMs)
-                saved = {entry.rate, entry.minRttUs, atMs};
-        }
-    }
-    QJsonObject all;
-    for (const auto& one : paths) {
-        if (nowMs - one.second.atMs > kPathMemoryUs / 1000 || all.size() >= int(kMaxPaths))
-            continue;
-        all.insert(QString::fromStdString(one.first),
-                   QJsonObject{{"rate", one.second.rate},
-                               {"minRttUs", double(one.second.minRttUs)},
-                               {"at", double(one.second.atMs)}});
-    }
-    QSaveFile out(file);
-    if (!out.open(QIODevice::WriteOnly))
-        return false;
-    out.write(QJsonDocument(QJsonObject{{"paths", all}}).toJson(QJsonDocument::Compact));
-    return out.commit();
 }
 
 qint64 peerArrivals(int socket) {

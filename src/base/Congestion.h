@@ -324,12 +324,6 @@ void joinPath(int socket, const QString& peer);
 double rememberedPathRate(const QString& peer);
 // Forgets every measurement kept for joinPath(); connections open now stay counted.
 void forgetPaths();
-// Measurements for joinPath() in a file, so that one command can start from what the last
-// ones measured: loadPaths() takes those still fresh (keeping a newer one of this process);
-// savePaths() adds this process's to the file's (a newer one of either wins), replacing the
-// file at once. False when the file cannot be read or written; a missing file is empty.
-bool loadPaths(const QString& file);
-bool savePaths(const QString& file);
 // Data packets the peer of a connected socket last reported as arrived; -1 when the socket runs
 // UDT's control, which has no such reports.
 qint64 peerArrivals(int socket);

@@ -8,11 +8,8 @@
 #include "ServeCommand.h"
 #include "SignalHandling.h"
 
-#include "base/Congestion.h"
-
 #include <QCoreApplication>
 #include <QLoggingCategory>
-#include <QStandardPaths>
 
 #include <cstdio>
 #include <cstdlib>
@@ -73,24 +70,6 @@ void setLogDefaults(const QString& command) {
     }
 }
 
-// What this user's last copies measured of their paths, so that a copy to the same server
-// starts from that rate instead of finding it again over several round trips (see
-// net::joinPath()). A cache: when it cannot be read or written, copies start as first ones do.
-class PathCache {
-public:
-    PathCache()
-        : m_file(QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
-                 QStringLiteral("/vesk/paths.json")) {
-        VESK::net::loadPaths(m_file);
-    }
-    ~PathCache() { VESK::net::savePaths(m_file); }
-    PathCache(const PathCache&) = delete;
-    PathCache& operator=(const PathCache&) = delete;
-
-private:
-    QString m_file;
-};
-
 int runCommand(const QStringList& args) {
     const QString command = args.value(0);
     // "vesk help COMMAND" is "vesk COMMAND --help".
@@ -108,14 +87,10 @@ int runCommand(const QStringList& args) {
     setLogDefaults(command);
     if (command == QLatin1String("serve"))
         return runServe(args);
-    if (command == QLatin1String("upload")) {
-        PathCache paths;
+    if (command == QLatin1String("upload"))
         return runUpload(args);
-    }
-    if (command == QLatin1String("download")) {
-        PathCache paths;
+    if (command == QLatin1String("download"))
         return runDownload(args);
-    }
     if (command == QLatin1String("ls") || command == QLatin1String("list"))
         return runList(args);
     if (command == QLatin1String("mkdir"))
