@@ -307,6 +307,8 @@ void Server::refuseConnection(int socket, const QString& peer, const QString& re
     if (readHello(socket, deadline, &protocol, &version, &error) &&
         answerHello(socket, reason, &error))
         printOut(QString("%1 - - 0 bytes 0.00 s refused: %2").arg(peer, reason));
+    else
+        printErr(QString("vesk: %1 refused (%2) without an answer: %3").arg(peer, reason, error));
     net::drainAndClose(socket);
 }
 

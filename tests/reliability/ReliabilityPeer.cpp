@@ -544,6 +544,18 @@ int runHostile(const Options& options) {
     return report("hostile", runCases(cases, kMaxCasesAtOnce)) ? 0 : 1;
 }
 
+// What UDT saw of a connection, for a report of one that went wrong.
+QString traffic(int socket) {
+    UDT::TRACEINFO info;
+    if (UDT::perfmon(socket, &info, false) == UDT::ERROR)
+        return "no statistics";
+    return QString("%1 packets sent (%2 resent), %3 received, round trip %4 ms")
+        .arg(info.pktSentTotal)
+        .arg(info.pktRetransTotal)
+        .arg(info.pktRecvTotal)
+        .arg(info.msRTT, 0, 'f', 1);
+}
+
 // N connections opened at once; each greets and then, once all have greeted (or a second has
 // passed, well within the server's stall timeout), creates a directory. Beyond the server's
 // limit a connection must be refused, at the connection or the hello, never left open.
@@ -559,10 +571,13 @@ int runBurst(const Options& options) {
         threads.emplace_back([&, i] {
             const QString name = QString("burst %1").arg(i);
             QString error;
+            QElapsedTimer clock;
+            clock.start();
             Peer peer{net::Socket(net::connectTo("127.0.0.1", port, &error))};
             ParamMap answer;
             const bool connected = peer.connected();
             const bool accepted = connected && peer.hello(&answer);
+            const double answeredAfter = clock.elapsed() / 1000.0;
             const bool leftOpen = connected && !accepted && answer.isEmpty() &&
                                   UDT::getsockstate(peer.socket()) == CONNECTED;
             {
@@ -576,7 +591,9 @@ int runBurst(const Options& options) {
             if (!connected)
                 results[size_t(i)] = {name, Outcome::Refused, "connection: " + error};
             else if (leftOpen)
-                results[size_t(i)] = {name, Outcome::Hung, "no answer to the hello, still open"};
+                results[size_t(i)] = {name, Outcome::Hung,
+                                      "no answer to the hello, still open; " +
+                                          traffic(peer.socket())};
             else if (!accepted)
                 results[size_t(i)] = {name, Outcome::Refused,
                                       "hello: " + answer.value("errorType", "closed")};
@@ -585,6 +602,8 @@ int runBurst(const Options& options) {
                 params["destPath"] = QString("burst/%1").arg(i);
                 results[size_t(i)] = playTask(peer, name, params);
             }
+            // How long the connection and the hello took, whatever the outcome.
+            results[size_t(i)].seconds = answeredAfter;
         });
     }
     for (std::thread& thread : threads)
@@ -595,14 +614,16 @@ int runBurst(const Options& options) {
     for (auto it = details.cbegin(); it != details.cend(); ++it)
         std::printf("  %4d x %s\n", it.value(), qPrintable(it.key()));
     int failures = 0, refused = 0, served = 0;
+    double slowest = 0;
     for (const CaseResult& r : results) {
         failures += r.outcome != Outcome::Refused && r.outcome != Outcome::Served;
         refused += r.outcome == Outcome::Refused;
         served += r.outcome == Outcome::Served;
+        slowest = std::max(slowest, r.seconds);
     }
     std::printf("burst: connections tried %d, refused cleanly %d, served inside the mount %d, "
-                "failures %d\n",
-                count, refused, served, failures);
+                "failures %d, slowest hello answer %.2f s\n",
+                count, refused, served, failures, slowest);
     return failures == 0 ? 0 : 1;
 }
 
