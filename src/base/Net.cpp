@@ -10,6 +10,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <ifaddrs.h>
@@ -20,6 +21,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
 
 namespace VESK {
 namespace net {
@@ -341,57 +343,126 @@ int newSocket(const QString& host, quint16 port, int mss, Address& addr, QString
     return socket.release();
 }
 
-// The UDP port all of this process's connections of one address family and packet size leave
-// from. UDT runs a sending and a receiving thread per UDP socket, and its receiving thread wakes
-// every 100 microseconds even when idle; a socket per connection made a copy of many small files
-// keep hundreds of such threads spinning (closed connections linger until UDT's collector runs)
-// and spend most of its time there. Connections that share a port share one pair: UDT tells
-// them apart by socket id. An unconnected socket bound to our own UDP socket holds the port (and
-// its raised buffers) for the life of the process; 0 when it could not be set up, and then every
-// connection gets a UDP socket of its own as before.
-quint16 sharedClientPort(int family, int mss) {
-    static std::mutex mutex;
-    static QMap<QPair<int, int>, quint16> ports;
-    std::lock_guard<std::mutex> lock(mutex);
-    const auto key = qMakePair(family, mss);
-    const auto found = ports.constFind(key);
-    if (found != ports.constEnd())
-        return *found;
-    quint16 port = 0;
-    Address any;
-    any.storage.ss_family = family;
-    any.length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    Socket anchor(UDT::socket(family, SOCK_STREAM, 0));
-    QString reason;
-    if (anchor.get() != UDT::INVALID_SOCK && applyOptions(anchor.get(), mss) &&
-        bindOwnUdpSocket(anchor.get(), any, reason)) {
+// The UDP ports this process's connections leave from. UDT runs a sending and a receiving
+// thread per UDP socket, and its receiving thread wakes every 100 microseconds even when idle; a
+// socket per connection made a copy of many small files keep hundreds of such threads spinning
+// (closed connections linger until UDT's collector runs) and spend most of its time there.
+// Connections that share a port share one pair: UDT tells them apart by socket id.
+//
+// But a port carries one connection set-up at a time. UDT seeds a connection's first sequence
+// number from the microsecond clock when the set-up starts, so two set-ups that start in the
+// same microsecond get the same one; a server that sees the second request come from the
+// address and port of the first with that number takes it for a repeat and answers with the
+// first connection's socket, and the second connection then talks to a socket that ignores it
+// (no answer ever comes). Set-ups at once therefore take different ports: one that finds every
+// port busy opens another, up to kMaxClientPorts of a kind, beyond which it waits for one.
+//
+// An unconnected socket bound to our own UDP socket holds each port (and its raised buffers)
+// for the life of the process.
+constexpr int kMaxClientPorts = 16;
+
+class ClientPorts {
+public:
+    // A port for one set-up, busy until release(); 0 when none could be opened, and then the
+    // connection gets a UDP socket of its own as before.
+    quint16 acquire(int family, int mss) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        std::vector<Port>& ports = m_ports[qMakePair(family, mss)];
+        for (;;) {
+            for (Port& port : ports) {
+                if (!port.busy) {
+                    port.busy = true;
+                    return port.number;
+                }
+            }
+            if (int(ports.size()) < kMaxClientPorts)
+                break;
+            m_released.wait(lock);
+        }
+        const quint16 number = openPort(family, mss);
+        if (number != 0)
+            ports.push_back({number, true});
+        return number;
+    }
+
+    void release(int family, int mss, quint16 number) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (Port& port : m_ports[qMakePair(family, mss)]) {
+            if (port.number == number)
+                port.busy = false;
+        }
+        m_released.notify_one();
+    }
+
+private:
+    struct Port {
+        quint16 number;
+        bool busy;
+    };
+
+    static quint16 openPort(int family, int mss) {
+        Address any;
+        any.storage.ss_family = family;
+        any.length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        Socket anchor(UDT::socket(family, SOCK_STREAM, 0));
+        if (anchor.get() == UDT::INVALID_SOCK) {
+            anchor.release();
+            return 0;
+        }
+        QString reason;
+        if (!applyOptions(anchor.get(), mss) || !bindOwnUdpSocket(anchor.get(), any, reason))
+            return 0;
         Address bound;
         int len = sizeof bound.storage;
-        if (UDT::getsockname(anchor.get(), bound.get(), &len) != UDT::ERROR)
-            port = bound.port();
-    }
-    if (port != 0)
+        if (UDT::getsockname(anchor.get(), bound.get(), &len) == UDT::ERROR)
+            return 0;
         anchor.release(); // kept open until UDT::cleanup()
-    else if (anchor.get() == UDT::INVALID_SOCK)
-        anchor.release();
-    ports.insert(key, port);
-    return port;
+        return bound.port();
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_released;
+    QMap<QPair<int, int>, std::vector<Port>> m_ports;
+};
+
+ClientPorts& clientPorts() {
+    static ClientPorts ports;
+    return ports;
 }
 
-// Binds a connection's socket to the shared port of its kind, else to a UDP socket of its own.
-bool bindForConnect(int socket, int family, int mss, QString& reason) {
-    Address local;
-    local.storage.ss_family = family;
-    local.length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    const quint16 shared = sharedClientPort(family, mss);
-    if (shared != 0) {
-        local.setPort(shared);
-        if (UDT::bind(socket, local.get(), int(local.length)) != UDT::ERROR)
-            return true;
-        local.setPort(0);
+// Holds a shared port for the length of one connection set-up.
+class PortForSetUp {
+public:
+    PortForSetUp(int family, int mss)
+        : m_family(family)
+        , m_mss(mss)
+        , m_port(clientPorts().acquire(family, mss)) {}
+    ~PortForSetUp() {
+        if (m_port != 0)
+            clientPorts().release(m_family, m_mss, m_port);
     }
-    return bindOwnUdpSocket(socket, local, reason);
-}
+    PortForSetUp(const PortForSetUp&) = delete;
+    PortForSetUp& operator=(const PortForSetUp&) = delete;
+
+    // Binds `socket` to the port, else to a UDP socket of its own.
+    bool bind(int socket, QString& reason) const {
+        Address local;
+        local.storage.ss_family = m_family;
+        local.length = m_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        if (m_port != 0) {
+            local.setPort(m_port);
+            if (UDT::bind(socket, local.get(), int(local.length)) != UDT::ERROR)
+                return true;
+            local.setPort(0);
+        }
+        return bindOwnUdpSocket(socket, local, reason);
+    }
+
+private:
+    int m_family;
+    int m_mss;
+    quint16 m_port;
+};
 
 // A peer whose last packet we have not acknowledged yet can miss our close (seen in about one
 // close in ten on loopback) and would then wait for UDT's keep-alive timeout, tens of seconds.
@@ -426,12 +497,16 @@ int connectTo(const QString& host, quint16 port, QString* error) {
     if (!socket.valid())
         return -1;
     QString reason;
-    if (!bindForConnect(socket.get(), addr.family(), mss, reason) ||
-        UDT::connect(socket.get(), addr.get(), addr.length) == UDT::ERROR) {
-        if (reason.isEmpty())
-            reason = udtError();
-        setError(error, QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(reason));
-        return -1;
+    {
+        const PortForSetUp local(addr.family(), mss);
+        if (!local.bind(socket.get(), reason) ||
+            UDT::connect(socket.get(), addr.get(), addr.length) == UDT::ERROR) {
+            if (reason.isEmpty())
+                reason = udtError();
+            setError(error,
+                     QStringLiteral("cannot reach %1:%2 (%3)").arg(host).arg(port).arg(reason));
+            return -1;
+        }
     }
     wakeReceiver(socket.get());
     joinPath(socket.get(), hostOf(addr));
