@@ -248,63 +248,6 @@ private slots:
         }
     }
 
-    // A port carries one connection set-up at a time: set-ups that start together would share
-    // the first sequence number UDT draws from the microsecond clock, and the server would take
-    // the second for a repeat of the first. A set-up that finds the port busy takes another one;
-    // once the set-ups are over, later connections use the ports there are.
-    void setUpsAtOnceLeaveFromDifferentPorts() {
-        // A peer that never answers keeps a set-up busy until UDT gives up on it.
-        const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
-        QVERIFY(silent >= 0);
-        sockaddr_in silentAddr{};
-        silentAddr.sin_family = AF_INET;
-        silentAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof silentAddr;
-        QVERIFY(::bind(silent, reinterpret_cast<sockaddr*>(&silentAddr), len) == 0);
-        QVERIFY(::getsockname(silent, reinterpret_cast<sockaddr*>(&silentAddr), &len) == 0);
-        auto stalled = std::async(std::launch::async, [&] {
-            return VESK::net::connectTo("127.0.0.1", ntohs(silentAddr.sin_port));
-        });
-        // The stalled set-up's port is where its requests come from.
-        pollfd wait{silent, POLLIN, 0};
-        QVERIFY(::poll(&wait, 1, 5000) == 1);
-        char request[2048];
-        sockaddr_in from{};
-        socklen_t fromLen = sizeof from;
-        QVERIFY(::recvfrom(silent, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
-                           &fromLen) > 0);
-        const quint16 stalledPort = ntohs(from.sin_port);
-
-        quint16 port = 0;
-        QString error;
-        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
-        QVERIFY2(listener.valid(), qPrintable(error));
-        auto accepting =
-            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-        VESK::net::Socket during(VESK::net::connectTo("127.0.0.1", port, &error));
-        VESK::net::Socket served(accepting.get());
-        QVERIFY2(during.valid() && served.valid(), qPrintable(error));
-        QVERIFY(localPort(during.get()) != stalledPort);
-
-        VESK::net::Socket failed(stalled.get());
-        QVERIFY(!failed.valid());
-        ::close(silent);
-        // Both ports are free again: the next connections take one of them.
-        for (int i = 0; i < 2; ++i) {
-            auto accept =
-                std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-            VESK::net::Socket after(VESK::net::connectTo("127.0.0.1", port, &error));
-            VESK::net::Socket afterServed(accept.get());
-            QVERIFY2(after.valid() && afterServed.valid(), qPrintable(error));
-            const quint16 used = localPort(after.get());
-            QVERIFY2(used == stalledPort || used == localPort(during.get()),
-                     qPrintable(QString("port %1, not %2 or %3")
-                                    .arg(used)
-                                    .arg(stalledPort)
-                                    .arg(localPort(during.get()))));
-        }
-    }
-
     // A lost packet whose resend is lost too is reported again by the receiving side, so the
     // sender resends just that packet. Left to UDT alone it would wait for the sender's timeout,
     // which UDT's other control packets keep putting off and which then sends everything not yet
@@ -638,6 +581,64 @@ private slots:
         VESK::net::Socket s(VESK::net::connectTo("127.0.0.1", 1, &error));
         QVERIFY(!s.valid());
         QVERIFY2(error.startsWith("cannot reach 127.0.0.1:1 ("), qPrintable(error));
+    }
+
+    // A port carries one connection set-up at a time: set-ups that start together would share
+    // the first sequence number UDT draws from the microsecond clock, and the server would take
+    // the second for a repeat of the first. A set-up that finds the port busy takes another one;
+    // once the set-ups are over, later connections use the ports there are. Last in the file:
+    // the second port stays open, with UDT's threads for it, for the life of the process.
+    void setUpsAtOnceLeaveFromDifferentPorts() {
+        // A peer that never answers keeps a set-up busy until UDT gives up on it.
+        const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
+        QVERIFY(silent >= 0);
+        sockaddr_in silentAddr{};
+        silentAddr.sin_family = AF_INET;
+        silentAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof silentAddr;
+        QVERIFY(::bind(silent, reinterpret_cast<sockaddr*>(&silentAddr), len) == 0);
+        QVERIFY(::getsockname(silent, reinterpret_cast<sockaddr*>(&silentAddr), &len) == 0);
+        auto stalled = std::async(std::launch::async, [&] {
+            return VESK::net::connectTo("127.0.0.1", ntohs(silentAddr.sin_port));
+        });
+        // The stalled set-up's port is where its requests come from.
+        pollfd wait{silent, POLLIN, 0};
+        QVERIFY(::poll(&wait, 1, 5000) == 1);
+        char request[2048];
+        sockaddr_in from{};
+        socklen_t fromLen = sizeof from;
+        QVERIFY(::recvfrom(silent, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
+                           &fromLen) > 0);
+        const quint16 stalledPort = ntohs(from.sin_port);
+
+        quint16 port = 0;
+        QString error;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
+        QVERIFY2(listener.valid(), qPrintable(error));
+        auto accepting =
+            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
+        VESK::net::Socket during(VESK::net::connectTo("127.0.0.1", port, &error));
+        VESK::net::Socket served(accepting.get());
+        QVERIFY2(during.valid() && served.valid(), qPrintable(error));
+        QVERIFY(localPort(during.get()) != stalledPort);
+
+        VESK::net::Socket failed(stalled.get());
+        QVERIFY(!failed.valid());
+        ::close(silent);
+        // Both ports are free again: the next connections take one of them.
+        for (int i = 0; i < 2; ++i) {
+            auto accept =
+                std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
+            VESK::net::Socket after(VESK::net::connectTo("127.0.0.1", port, &error));
+            VESK::net::Socket afterServed(accept.get());
+            QVERIFY2(after.valid() && afterServed.valid(), qPrintable(error));
+            const quint16 used = localPort(after.get());
+            QVERIFY2(used == stalledPort || used == localPort(during.get()),
+                     qPrintable(QString("port %1, not %2 or %3")
+                                    .arg(used)
+                                    .arg(stalledPort)
+                                    .arg(localPort(during.get()))));
+        }
     }
 };
 

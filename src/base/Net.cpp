@@ -355,11 +355,12 @@ int newSocket(const QString& host, quint16 port, int mss, Address& addr, QString
 // address and port of the first with that number takes it for a repeat and answers with the
 // first connection's socket, and the second connection then talks to a socket that ignores it
 // (no answer ever comes). Set-ups at once therefore take different ports: one that finds every
-// port busy opens another, up to kMaxClientPorts of a kind, beyond which it waits for one.
+// port busy opens another, up to kMaxClientPorts of a kind (the most files a command copies at
+// once), beyond which it waits for one.
 //
 // An unconnected socket bound to our own UDP socket holds each port (and its raised buffers)
 // for the life of the process.
-constexpr int kMaxClientPorts = 16;
+constexpr int kMaxClientPorts = 8;
 
 class ClientPorts {
 public:
