@@ -640,6 +640,56 @@ private slots:
                                     .arg(localPort(during.get()))));
         }
     }
+
+    // With every port a command may open busy setting up, a further set-up waits for one of
+    // them rather than opening another.
+    void setUpsBeyondTheLastPortWaitForOne() {
+        const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
+        QVERIFY(silent >= 0);
+        sockaddr_in silentAddr{};
+        silentAddr.sin_family = AF_INET;
+        silentAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof silentAddr;
+        QVERIFY(::bind(silent, reinterpret_cast<sockaddr*>(&silentAddr), len) == 0);
+        QVERIFY(::getsockname(silent, reinterpret_cast<sockaddr*>(&silentAddr), &len) == 0);
+        constexpr int kPorts = 8; // the most files a command copies at once
+        std::vector<std::future<int>> stalled;
+        for (int i = 0; i < kPorts; ++i)
+            stalled.push_back(std::async(std::launch::async, [&] {
+                return VESK::net::connectTo("127.0.0.1", ntohs(silentAddr.sin_port));
+            }));
+        // Every stalled set-up asks from a port of its own.
+        QSet<quint16> stalledPorts;
+        QElapsedTimer clock;
+        clock.start();
+        while (stalledPorts.size() < kPorts && clock.elapsed() < 2000) {
+            pollfd wait{silent, POLLIN, 0};
+            if (::poll(&wait, 1, 100) != 1)
+                continue;
+            char request[2048];
+            sockaddr_in from{};
+            socklen_t fromLen = sizeof from;
+            if (::recvfrom(silent, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
+                           &fromLen) > 0)
+                stalledPorts.insert(ntohs(from.sin_port));
+        }
+        QCOMPARE(stalledPorts.size(), kPorts);
+
+        quint16 port = 0;
+        QString error;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
+        QVERIFY2(listener.valid(), qPrintable(error));
+        auto accepting =
+            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
+        VESK::net::Socket waited(VESK::net::connectTo("127.0.0.1", port, &error));
+        VESK::net::Socket served(accepting.get());
+        QVERIFY2(waited.valid() && served.valid(), qPrintable(error));
+        QVERIFY2(stalledPorts.contains(localPort(waited.get())),
+                 qPrintable(QString("port %1").arg(localPort(waited.get()))));
+        for (auto& one : stalled)
+            QVERIFY(!VESK::net::Socket(one.get()).valid());
+        ::close(silent);
+    }
 };
 
 QTEST_GUILESS_MAIN(tst_Net)

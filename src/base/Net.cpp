@@ -101,7 +101,6 @@ QString systemError() {
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
-// "1.2.3.4:PORT" or "[::1]:PORT".
 // The address without its port, as text.
 QString hostOf(const Address& addr) {
     char text[INET6_ADDRSTRLEN] = {};
@@ -114,6 +113,7 @@ QString hostOf(const Address& addr) {
     return QString::fromLatin1(text);
 }
 
+// "1.2.3.4:PORT" or "[::1]:PORT".
 QString describe(const Address& addr) {
     if (addr.family() == AF_INET6)
         return QStringLiteral("[%1]:%2").arg(hostOf(addr)).arg(addr.port());
