@@ -37,6 +37,48 @@ quint16 localPort(int socket) {
     return ntohs(reinterpret_cast<sockaddr_in*>(&local)->sin_port);
 }
 
+// A UDP socket on loopback that never answers: a connection set-up towards it stays busy until
+// UDT gives up on it (3 s), and its requests tell the port they come from.
+class SilentPeer {
+public:
+    SilentPeer() {
+        m_socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof addr;
+        if (m_socket >= 0 && ::bind(m_socket, reinterpret_cast<sockaddr*>(&addr), len) == 0 &&
+            ::getsockname(m_socket, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
+            m_port = ntohs(addr.sin_port);
+    }
+    ~SilentPeer() {
+        if (m_socket >= 0)
+            ::close(m_socket);
+    }
+    SilentPeer(const SilentPeer&) = delete;
+    SilentPeer& operator=(const SilentPeer&) = delete;
+
+    quint16 port() const { return m_port; }
+
+    // The local port of the next request that arrives within `ms`; 0 when none does.
+    quint16 nextRequestFrom(int ms) const {
+        pollfd wait{m_socket, POLLIN, 0};
+        if (::poll(&wait, 1, ms) != 1)
+            return 0;
+        char request[2048];
+        sockaddr_in from{};
+        socklen_t fromLen = sizeof from;
+        if (::recvfrom(m_socket, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
+                       &fromLen) <= 0)
+            return 0;
+        return ntohs(from.sin_port);
+    }
+
+private:
+    int m_socket = -1;
+    quint16 m_port = 0;
+};
+
 // Packets the socket had to send again.
 qint64 resentPackets(int socket) {
     UDT::TRACEINFO trace{};
@@ -589,27 +631,13 @@ private slots:
     // once the set-ups are over, later connections use the ports there are. Last in the file:
     // the second port stays open, with UDT's threads for it, for the life of the process.
     void setUpsAtOnceLeaveFromDifferentPorts() {
-        // A peer that never answers keeps a set-up busy until UDT gives up on it.
-        const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
-        QVERIFY(silent >= 0);
-        sockaddr_in silentAddr{};
-        silentAddr.sin_family = AF_INET;
-        silentAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof silentAddr;
-        QVERIFY(::bind(silent, reinterpret_cast<sockaddr*>(&silentAddr), len) == 0);
-        QVERIFY(::getsockname(silent, reinterpret_cast<sockaddr*>(&silentAddr), &len) == 0);
-        auto stalled = std::async(std::launch::async, [&] {
-            return VESK::net::connectTo("127.0.0.1", ntohs(silentAddr.sin_port));
-        });
+        const SilentPeer silent;
+        QVERIFY(silent.port() != 0);
+        auto stalled = std::async(std::launch::async,
+                                  [&] { return VESK::net::connectTo("127.0.0.1", silent.port()); });
         // The stalled set-up's port is where its requests come from.
-        pollfd wait{silent, POLLIN, 0};
-        QVERIFY(::poll(&wait, 1, 5000) == 1);
-        char request[2048];
-        sockaddr_in from{};
-        socklen_t fromLen = sizeof from;
-        QVERIFY(::recvfrom(silent, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
-                           &fromLen) > 0);
-        const quint16 stalledPort = ntohs(from.sin_port);
+        const quint16 stalledPort = silent.nextRequestFrom(5000);
+        QVERIFY(stalledPort != 0);
 
         quint16 port = 0;
         QString error;
@@ -624,7 +652,6 @@ private slots:
 
         VESK::net::Socket failed(stalled.get());
         QVERIFY(!failed.valid());
-        ::close(silent);
         // Both ports are free again: the next connections take one of them.
         for (int i = 0; i < 2; ++i) {
             auto accept =
@@ -644,34 +671,21 @@ private slots:
     // With every port a command may open busy setting up, a further set-up waits for one of
     // them rather than opening another.
     void setUpsBeyondTheLastPortWaitForOne() {
-        const int silent = ::socket(AF_INET, SOCK_DGRAM, 0);
-        QVERIFY(silent >= 0);
-        sockaddr_in silentAddr{};
-        silentAddr.sin_family = AF_INET;
-        silentAddr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t len = sizeof silentAddr;
-        QVERIFY(::bind(silent, reinterpret_cast<sockaddr*>(&silentAddr), len) == 0);
-        QVERIFY(::getsockname(silent, reinterpret_cast<sockaddr*>(&silentAddr), &len) == 0);
+        const SilentPeer silent;
+        QVERIFY(silent.port() != 0);
         constexpr int kPorts = 8; // the most files a command copies at once
         std::vector<std::future<int>> stalled;
         for (int i = 0; i < kPorts; ++i)
             stalled.push_back(std::async(std::launch::async, [&] {
-                return VESK::net::connectTo("127.0.0.1", ntohs(silentAddr.sin_port));
+                return VESK::net::connectTo("127.0.0.1", silent.port());
             }));
         // Every stalled set-up asks from a port of its own.
         QSet<quint16> stalledPorts;
         QElapsedTimer clock;
         clock.start();
         while (stalledPorts.size() < kPorts && clock.elapsed() < 2000) {
-            pollfd wait{silent, POLLIN, 0};
-            if (::poll(&wait, 1, 100) != 1)
-                continue;
-            char request[2048];
-            sockaddr_in from{};
-            socklen_t fromLen = sizeof from;
-            if (::recvfrom(silent, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from),
-                           &fromLen) > 0)
-                stalledPorts.insert(ntohs(from.sin_port));
+            if (const quint16 from = silent.nextRequestFrom(100))
+                stalledPorts.insert(from);
         }
         QCOMPARE(stalledPorts.size(), kPorts);
 
@@ -688,7 +702,6 @@ private slots:
                  qPrintable(QString("port %1").arg(localPort(waited.get()))));
         for (auto& one : stalled)
             QVERIFY(!VESK::net::Socket(one.get()).valid());
-        ::close(silent);
     }
 };
 
