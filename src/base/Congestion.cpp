@@ -985,16 +985,25 @@ private:
         // end of a tree, or among others that have not measured yet, sees less than the path
         // carries, and the larger value then stays, but ages as it was and expires. A
         // connection whose jump to the remembered value lost many packets found the path
-        // changed, and replaces it whatever it measured.
+        // changed, and replaces it whatever it measured. The one leaving need not have measured
+        // anything itself: the receiving end of a connection whose sender in this process is
+        // still open leaves the sender's measurement, which the sender may only leave much
+        // later (UDT closes a connection whose peer has gone in its own time).
         double rate = 0.0;
-        for (const VeskCongestion* flow : entry.open)
-            rate += flow->m_shownRate.load();
+        qint64 minRtt = 0;
+        for (const VeskCongestion* flow : entry.open) {
+            const double shown = flow->m_shownRate.load();
+            const qint64 rtt = flow->m_shownMinRtt.load();
+            rate += shown;
+            if (shown > 0.0 && rtt > 0 && (minRtt == 0 || rtt < minRtt))
+                minRtt = rtt;
+        }
         const qint64 now = monotonicUs();
         const bool fresh = now - entry.stampUs <= kPathMemoryUs;
-        if (m_shownRate.load() > 0.0 &&
+        if (rate > 0.0 &&
             (m_resumeFailed.load() || !fresh || rate >= kPathKeepShare * entry.rate)) {
             entry.rate = rate;
-            entry.minRttUs = m_shownMinRtt.load();
+            entry.minRttUs = minRtt;
             entry.stampUs = now;
         }
         entry.open.erase(std::remove(entry.open.begin(), entry.open.end(), this), entry.open.end());
