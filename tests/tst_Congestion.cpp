@@ -724,6 +724,27 @@ private slots:
         QCOMPARE(repair.due(1'000'000, 1, 200).front(), qint64(201));
     }
 
+    // Packets after the highest received that the sender says it sent before its message are
+    // lost: missing from then on, and due at once, ahead of older reports that are due too.
+    void packetsSentBeforeTheSendersWordAreMissing() {
+        VESK::net::LossRepair repair;
+        QVERIFY(!repair.onSentUpTo(5, 0)); // nothing received: nothing to count from
+        repair.onPacket(0, 0);
+        repair.onPacket(2, 0);              // 1 missing, reported by UDT at 0
+        QVERIFY(!repair.onSentUpTo(2, 10)); // nothing after the highest received
+        QVERIFY(repair.onSentUpTo(5, 10));
+        QCOMPARE(repair.missing(), 4); // 1, 3, 4, 5
+        const qint64 interval = VESK::net::LossRepair::intervalFor(100'000);
+        QCOMPARE(repair.due(10, interval, 100), (std::vector<qint64>{3, 4, 5}));
+        QVERIFY(!repair.onSentUpTo(4, 20)); // already known
+        QCOMPARE(repair.due(interval, interval, 100), (std::vector<qint64>{1}));
+        // A resend of one arrives; a later packet is fresh and leaves no gap behind it.
+        QVERIFY(repair.onPacket(4, 30));
+        QVERIFY(repair.onPacket(6, 30));
+        QCOMPARE(repair.missing(), 3); // 1, 3, 5
+        QCOMPARE(repair.due(10 + interval, interval, 100), (std::vector<qint64>{3, 5}));
+    }
+
     void aHugeGapIsLeftToTheSender() {
         VESK::net::LossRepair repair;
         repair.onPacket(0, 0);

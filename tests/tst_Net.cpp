@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <future>
 #include <map>
 #include <netinet/in.h>
@@ -88,13 +89,16 @@ qint64 resentPackets(int socket) {
 
 // A UDP relay on loopback between one client and one server that drops chosen data packets
 // from the client to the server: among the first `limit` (counted from the first data packet it
-// sees) every `period`-th, the first `drops` times it passes, so that a resend of it is lost too.
+// sees, which passes) from `from` on every `period`-th, the first `drops` times it passes, so
+// that a resend of it is lost too. setDelay() holds what goes to the server back for a while,
+// as a long path does.
 class LossyRelay {
 public:
-    LossyRelay(quint16 serverPort, int period, int drops, qint64 limit)
+    LossyRelay(quint16 serverPort, int period, int drops, qint64 limit, qint64 from = 1)
         : m_period(period)
         , m_drops(drops)
-        , m_limit(limit) {
+        , m_limit(limit)
+        , m_from(from) {
         m_front = bound(&m_port);
         quint16 unused = 0;
         m_back = bound(&unused);
@@ -110,6 +114,7 @@ public:
         ::close(m_back);
     }
     quint16 port() const { return m_port; }
+    void setDelay(int ms) { m_delayUs = qint64(ms) * 1000; }
     // Packets dropped at least once (each is dropped `drops` times).
     int lostPackets() const { return m_lost.load(); }
 
@@ -142,7 +147,7 @@ private:
         if (m_firstSeq < 0)
             m_firstSeq = seq;
         const qint64 index = seq - m_firstSeq;
-        if (index <= 0 || index >= m_limit || index % m_period != 0)
+        if (index <= 0 || index < m_from || index >= m_limit || index % m_period != 0)
             return false;
         const int passes = ++m_seen[seq];
         if (passes > m_drops)
@@ -160,8 +165,24 @@ private:
         // Each wake-up drains what waits on both sides, a batch at a time: one poll() per
         // packet leaves the relay far slower than the peers it stands between.
         constexpr int kBatch = 256;
+        std::deque<std::pair<qint64, QByteArray>> held; // (when due, packet) for the server
+        const auto toServer = [this](const char* data, size_t length) {
+            ::sendto(m_back, data, length, 0, reinterpret_cast<const sockaddr*>(&m_server),
+                     sizeof m_server);
+        };
+        QElapsedTimer clock;
+        clock.start();
         while (!m_stop) {
-            if (::poll(fds, 2, 20) <= 0)
+            while (!held.empty() && held.front().first <= clock.nsecsElapsed() / 1000) {
+                toServer(held.front().second.constData(), size_t(held.front().second.size()));
+                held.pop_front();
+            }
+            const int wait =
+                held.empty()
+                    ? 20
+                    : int(std::max<qint64>(0, held.front().first - clock.nsecsElapsed() / 1000) /
+                          1000);
+            if (::poll(fds, 2, wait) <= 0)
                 continue;
             for (bool busy = true; busy && !m_stop;) {
                 busy = false;
@@ -175,9 +196,13 @@ private:
                     busy = true;
                     client = from;
                     haveClient = true;
-                    if (!drop(packet, n))
-                        ::sendto(m_back, packet, size_t(n), 0,
-                                 reinterpret_cast<const sockaddr*>(&m_server), sizeof m_server);
+                    if (drop(packet, n))
+                        continue;
+                    if (m_delayUs.load() > 0)
+                        held.emplace_back(clock.nsecsElapsed() / 1000 + m_delayUs.load(),
+                                          QByteArray(packet, int(n)));
+                    else
+                        toServer(packet, size_t(n));
                 }
                 for (int i = 0; i < kBatch; ++i) {
                     const ssize_t n = ::recv(m_back, packet, sizeof packet, MSG_DONTWAIT);
@@ -195,6 +220,7 @@ private:
     const int m_period;
     const int m_drops;
     const qint64 m_limit;
+    const qint64 m_from;
     int m_front = -1;
     int m_back = -1;
     quint16 m_port = 0;
@@ -202,9 +228,24 @@ private:
     qint64 m_firstSeq = -1;
     std::map<qint64, int> m_seen;
     std::atomic<int> m_lost{0};
+    std::atomic<qint64> m_delayUs{0};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
+
+// Up to `bytes` bytes from `socket`, fewer when it fails first.
+QByteArray receiveAll(int socket, int bytes) {
+    QByteArray received;
+    received.reserve(bytes);
+    QByteArray chunk(1 << 20, Qt::Uninitialized);
+    while (received.size() < bytes) {
+        const int n = UDT::recv(socket, chunk.data(), chunk.size(), 0);
+        if (n <= 0)
+            break;
+        received.append(chunk.constData(), n);
+    }
+    return received;
+}
 
 // Connects a client with packets of `mss` bytes to `listener` through `relay`; `server` gets
 // the accepted end.
@@ -343,15 +384,7 @@ private slots:
             }
             return true;
         });
-        QByteArray received;
-        received.reserve(kBytes);
-        QByteArray chunk(1 << 20, Qt::Uninitialized);
-        while (received.size() < kBytes) {
-            const int n = UDT::recv(server.get(), chunk.data(), chunk.size(), 0);
-            if (n <= 0)
-                break;
-            received.append(chunk.constData(), n);
-        }
+        const QByteArray received = receiveAll(server.get(), kBytes);
         QVERIFY(sending.get());
         QCOMPARE(received.size(), kBytes);
         QVERIFY(received == data);
@@ -377,6 +410,40 @@ private slots:
                                 .arg(trace.pktRetransTotal)
                                 .arg(lost)
                                 .arg(arrivedTrace.pktRcvLossTotal)));
+    }
+
+    // The last packets of a transfer, lost, leave no gap the receiver could see. The sender's
+    // probe tells it what was sent, and it reports them missing: they come back as any other
+    // lost packet does, where the sender's timeout alone (which reports nothing) used to
+    // recover them.
+    void lostLastPacketsAreReportedMissing() {
+        constexpr int kMss = 1500;
+        constexpr int kPayload = kMss - 28 - 16; // IP, UDP and UDT headers
+        constexpr int kPackets = 2000;
+        VESK::net::forgetPaths();
+        quint16 port = 0;
+        QString error;
+        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error, kMss));
+        QVERIFY2(listener.valid(), qPrintable(error));
+        // A path of 20 ms, so that the sender hears of the packets it sent before the last
+        // ones after it sent those, as on a long link.
+        LossyRelay relay(port, 1, 1, kPackets, kPackets - 3);
+        relay.setDelay(20);
+        VESK::net::Socket client, server;
+        QVERIFY2(connectThrough(relay, listener.get(), kMss, &client, &server, &error),
+                 qPrintable(error));
+        VESK::net::setReceiveTimeout(server.get(), 20000);
+
+        const QByteArray data(kPackets * kPayload, 't');
+        QCOMPARE(UDT::send(client.get(), data.constData(), data.size(), 0), data.size());
+        QVERIFY(receiveAll(server.get(), data.size()) == data);
+        QCOMPARE(relay.lostPackets(), 3);
+
+        UDT::TRACEINFO sent{};
+        UDT::perfmon(client.get(), &sent, false);
+        QVERIFY2(sent.pktRecvNAKTotal > 0, "the lost packets were never reported");
+        QVERIFY2(sent.pktRetransTotal <= 6,
+                 qPrintable(QString("%1 packets resent for 3 lost").arg(sent.pktRetransTotal)));
     }
 
     // A lost message with nothing behind it is recovered by the sender's timeout alone (the

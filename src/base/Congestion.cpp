@@ -548,6 +548,22 @@ bool LossRepair::onPacket(qint64 seq, qint64 nowUs) {
     return true;
 }
 
+bool LossRepair::onSentUpTo(qint64 seq, qint64 nowUs) {
+    if (m_highest < 0 || seq <= m_highest)
+        return false;
+    // Never reported: due before anything reported already, oldest (lowest) first.
+    const qint64 never = nowUs - (qint64(1) << 62);
+    std::vector<qint64> added;
+    for (qint64 s = m_highest + 1; s <= seq && int(m_missing.size()) < kMaxTracked; ++s) {
+        m_missing.insert(s);
+        added.push_back(s);
+    }
+    for (auto it = added.rbegin(); it != added.rend(); ++it)
+        m_reports.emplace_front(never, *it);
+    m_highest = seq;
+    return !added.empty();
+}
+
 std::vector<qint64> LossRepair::due(qint64 nowUs, qint64 intervalUs, int max) {
     std::vector<qint64> result;
     while (!m_reports.empty() && int(result.size()) < max &&
@@ -816,8 +832,13 @@ public:
         const int32_t highest = m_highestSent.load(std::memory_order_relaxed);
         const bool fresh = highest < 0 || sequenceDistance(highest, seq) > 0;
         m_sendTimes.record(seq, monotonicUs(), !fresh);
-        if (fresh)
+        // UDT hands a packet to the socket after this returns, and calls this for the next one
+        // only after that: a count of calls tells which packets have surely left.
+        const quint32 call = m_sendCalls.fetch_add(1) + 1;
+        if (fresh) {
             m_highestSent.store(seq);
+            m_highestSentCall.store(quint64(call) << 32 | quint32(seq));
+        }
         if (m_firstSent.load(std::memory_order_relaxed) < 0)
             m_firstSent.store(seq, std::memory_order_release);
         if (fresh && m_idle.exchange(false))
@@ -850,6 +871,9 @@ public:
         m_model.onAck(now, acked, trip, sent, m_iRTT);
         apply();
         trace("ack", now, acked);
+        if (acked > 0)
+            m_probesWithoutProgress = 0;
+        probeIfStalled(now);
     }
 
     void onLoss(const int32_t* losses, int size) override {
@@ -886,16 +910,24 @@ public:
     // The sending side: the peer's count of arrivals (see RateModel::onArrivals()). Any
     // packet from the peer also restarts UDT's retransmission timeout, as its acknowledgements
     // and loss reports do: while data arrives, a lost resend is recovered by the peer's repeated
-    // loss report (LossRepair); UDT's timeout remains for when nothing arrives any more.
+    // loss report (LossRepair), and once nothing new arrives, by the exchange of probes and
+    // answers (probeIfStalled()); UDT's timeout remains for when the peer falls silent.
+    // The receiving side: the peer's probe.
     void processCustomMsg(const CPacket* packet) override {
-        const std::vector<qint32> words = ControlPacket::userPayload(packet, kArrivalReport);
         const qint64 now = monotonicUs();
+        const std::vector<qint32> probe = ControlPacket::userPayload(packet, kProbe);
+        if (!probe.empty()) {
+            answerProbe(probe[0], now);
+            return;
+        }
+        const std::vector<qint32> words = ControlPacket::userPayload(packet, kArrivalReport);
         if (words.size() < 2 || !m_peer.accept(quint32(words[0]), quint32(words[1]), now))
             return;
         m_peerArrivedShown.store(m_peer.arrived(), std::memory_order_relaxed);
         m_model.onArrivals(now, m_peer.arrived(), m_peer.peerUs());
         apply();
         trace("arrivals", now, m_peer.arrived());
+        probeIfStalled(now);
     }
 
     qint64 peerArrivals() const { return m_peerArrivedShown.load(std::memory_order_relaxed); }
@@ -910,17 +942,15 @@ public:
         m_unwrapped += sequenceDistance(m_lastWire, seq);
         m_lastWire = seq;
         const qint64 now = monotonicUs();
-        reportArrival(m_repair.onPacket(m_unwrapped, now), now);
-        if (m_repair.missing() == 0 || now - m_lastRepairScanUs < kRepairScanUs)
-            return;
-        m_lastRepairScanUs = now;
-        const std::vector<qint64> due =
-            m_repair.due(now, LossRepair::intervalFor(m_iRTT), kMaxReportedPerPacket);
-        if (due.empty())
-            return;
-        std::vector<qint32> entries = lossReport(due, qint32(m_wireBase));
-        ControlPacket report(ControlPacket::kLossReport, 0, entries);
-        sendCustomMsg(report.packet());
+        const bool missing = m_unwrapped <= m_repair.highest();
+        const bool fresh = m_repair.onPacket(m_unwrapped, now);
+        // A resend that fills a hole is acknowledged at once, not at UDT's next acknowledgement
+        // time: UDT checks its timers only as packets arrive (or every 100 ms), and after the
+        // last resend of a transfer none may, while the sender waits for its timeout.
+        acknowledgeAtOnce(fresh && missing);
+        reportArrival(fresh, now);
+        if (now - m_lastRepairScanUs >= kRepairScanUs)
+            reportDueLosses(now);
     }
 
 private:
@@ -933,6 +963,86 @@ private:
                 static_cast<const void*>(this), nowUs, event, count, int(m_model.phase()),
                 m_model.bottleneckRate(), m_model.windowPackets(), m_model.transportWindowPackets(),
                 m_model.sendPeriodUs(), m_iRTT, m_model.minRtt());
+    }
+
+    // Reports again the missing packets whose last report is a repair interval old.
+    void reportDueLosses(qint64 now) {
+        if (m_repair.missing() == 0)
+            return;
+        m_lastRepairScanUs = now;
+        const std::vector<qint64> due =
+            m_repair.due(now, LossRepair::intervalFor(m_iRTT), kMaxReportedPerPacket);
+        if (due.empty())
+            return;
+        std::vector<qint32> entries = lossReport(due, qint32(m_wireBase));
+        ControlPacket report(ControlPacket::kLossReport, 0, entries);
+        sendCustomMsg(report.packet());
+    }
+
+    // The sending side, after news from the peer: when sending has paused (nothing new since
+    // the last news, or for a while) with the peer not yet reporting everything sent as
+    // arrived, the peer may run out of arrivals to act on (it acts only when packets arrive):
+    // the last packets of a transfer may have been lost where no later packet shows the gap,
+    // and a lost resend waits for its repeated report. A probe tells the peer the highest
+    // packet sent before it, which the path delivers ahead of the probe, and gives it a moment
+    // to report what is missing; while something is, the peer answers with its count of
+    // arrivals, which brings the next probe a round trip later. Without this, only UDT's
+    // timeout would recover them, which resends everything not acknowledged.
+    void probeIfStalled(qint64 now) {
+        const int32_t highest = m_highestSent.load();
+        const bool unchanged = highest == m_highestAtLastNews;
+        m_highestAtLastNews = highest;
+        if (highest < 0 || m_lastAck < 0 || sequenceDistance(highest, m_lastAck) > 0 ||
+            m_peer.reports() == 0)
+            return;
+        const int32_t first = m_firstSent.load(std::memory_order_acquire);
+        if (m_peer.arrived() >= sequenceDistance(first, highest) + 1)
+            return;
+        const qint64 sentAt = m_sendTimes.sentAt(highest, now);
+        const bool paused = sentAt > 0 && now - sentAt >= kMinProbeGapUs;
+        if ((!unchanged && !paused) || m_probesWithoutProgress >= kMaxProbesWithoutProgress)
+            return;
+        // The highest packet has left once UDT went on to another one (see onPktSent()), or
+        // after a while; until then, the one before it has.
+        const quint64 mark = m_highestSentCall.load();
+        const bool left = paused || (quint32(mark) == quint32(highest) &&
+                                     quint32(mark >> 32) != m_sendCalls.load());
+        const int32_t upTo = left ? highest : (highest == 0 ? 0x7FFFFFFF : highest - 1);
+        // One probe a while at most, unless this one tells of more packets than the last.
+        if (now - m_lastProbeUs < std::max(m_model.minRtt() / 2, kMinProbeGapUs) &&
+            (m_lastProbeUpTo >= 0 && sequenceDistance(m_lastProbeUpTo, upTo) <= 0))
+            return;
+        m_lastProbeUs = now;
+        m_lastProbeUpTo = upTo;
+        ++m_probesWithoutProgress;
+        std::vector<qint32> words{upTo};
+        ControlPacket probe(ControlPacket::kUserDefined, kProbe, words);
+        sendCustomMsg(probe.packet());
+        trace("probe", now, upTo);
+    }
+
+    // UDT acknowledges after this packet whatever has arrived, or (false) at its own times.
+    void acknowledgeAtOnce(bool atOnce) {
+        if (atOnce != m_acknowledgingAtOnce) {
+            m_acknowledgingAtOnce = atOnce;
+            setACKInterval(atOnce ? 1 : 0);
+        }
+    }
+
+    // The receiving side: the peer sent everything up to `upTo` before its probe. What has
+    // arrived is acknowledged at once, too (see onPktReceived()).
+    void answerProbe(qint32 upTo, qint64 now) {
+        if (m_wireBase < 0)
+            return;
+        acknowledgeAtOnce(true);
+        const qint64 high = m_unwrapped + sequenceDistance(m_lastWire, upTo & 0x7FFFFFFF);
+        m_repair.onSentUpTo(high, now);
+        reportDueLosses(now);
+        trace("probed", now, m_repair.missing());
+        // An answer to every probe would keep a short path busy with them: there, a lost resend
+        // is left to the sender's timeout.
+        if (m_repair.missing() > 0 && now - m_lastArrivalReportUs >= kMinProbeGapUs)
+            sendArrivalReport(now);
     }
 
     // Counts a data packet that arrived for the first time, and tells the peer the count every
@@ -949,6 +1059,10 @@ private:
         if (m_lastArrivalReportUs > 0 && now - m_lastArrivalReportUs < kArrivalReportUs &&
             m_arrived - m_reportedArrived < quint32(RateModel::kArrivalReportPackets))
             return;
+        sendArrivalReport(now);
+    }
+
+    void sendArrivalReport(qint64 now) {
         m_lastArrivalReportUs = now;
         m_reportedArrived = m_arrived;
         std::vector<qint32> words{qint32(m_arrived), qint32(quint32(now - m_epochUs))};
@@ -1074,6 +1188,12 @@ private:
     // goes: as often as UDT acknowledges.
     static constexpr quint32 kArrivalReport = 0x5641;
     static constexpr qint64 kArrivalReportUs = 10'000;
+    // The user-defined control packet that probes a stalled peer, how often at most, and how
+    // many go without an acknowledgement of progress before the sender leaves the rest to its
+    // timeout (a peer that keeps answering keeps that timeout off).
+    static constexpr quint32 kProbe = 0x5650;
+    static constexpr qint64 kMinProbeGapUs = 1'000;
+    static constexpr int kMaxProbesWithoutProgress = 16;
     // Keep-alive period with nothing in flight: beyond the longest retransmission timeout.
     static constexpr qint64 kIdleTimeoutUs = RateModel::kMaxRetransmitTimeoutUs + 500'000;
 
@@ -1095,6 +1215,13 @@ private:
     int32_t m_countedSent = -1;
     int32_t m_lastAck = -1;
     int32_t m_highestLost = -1;
+    int32_t m_highestAtLastNews = -1; // m_highestSent when the peer was last heard from
+    qint64 m_lastProbeUs = 0;
+    int32_t m_lastProbeUpTo = -1;
+    std::atomic<quint32> m_sendCalls{0};
+    std::atomic<quint64> m_highestSentCall{0}; // the call of onPktSent() (high) that sent it
+    bool m_acknowledgingAtOnce = false;
+    int m_probesWithoutProgress = 0;
     std::atomic<qint64> m_busyTimeoutUs{RateModel::kUnmeasuredTimeoutUs};
     std::atomic<bool> m_idle{false};
     // The model's estimate for other threads (0: not measured yet), and its round trip.

@@ -259,11 +259,20 @@ public:
     // before, is older than the first one, or fell in a gap too large to track.
     bool onPacket(qint64 seq, qint64 nowUs);
 
+    // The peer says it sent every packet up to `seq` before a message that arrived at `nowUs`,
+    // and a path keeps packets in the order they were sent: any of them not received by now is
+    // lost, even after the highest packet received, where no later arrival exposes the gap
+    // (the last packets of a transfer). Those become missing, due for a report at once. False
+    // when nothing had arrived yet to count from, or when none was new.
+    bool onSentUpTo(qint64 seq, qint64 nowUs);
+
     // The missing packets last reported at or before `nowUs - intervalUs`, at most `max` (the
     // longest waiting), in ascending order; they count as reported at `nowUs`.
     std::vector<qint64> due(qint64 nowUs, qint64 intervalUs, int max);
 
     int missing() const { return int(m_missing.size()); }
+    // The highest packet received or known to be sent (-1: none yet).
+    qint64 highest() const { return m_highest; }
 
     // How long to wait after a report before repeating it, for a smoothed round trip: the resend
     // needs one round trip, and UDT's acknowledgement timer and pacing add to it.
