@@ -1008,12 +1008,14 @@ private:
         const bool left = paused || (quint32(mark) == quint32(highest) &&
                                      quint32(mark >> 32) != m_sendCalls.load());
         const int32_t upTo = left ? highest : (highest == 0 ? 0x7FFFFFFF : highest - 1);
-        // One probe a while at most, unless this one tells of more packets than the last.
-        if (now - m_lastProbeUs < std::max(m_model.minRtt() / 2, kMinProbeGapUs) &&
-            (m_lastProbeUpTo >= 0 && sequenceDistance(m_lastProbeUpTo, upTo) <= 0))
+        // One probe a while at most, unless the last one could not tell of the highest packet
+        // yet and this one can.
+        const bool catchingUp = m_lastProbeHighest == highest && m_lastProbeUpTo != upTo;
+        if (now - m_lastProbeUs < std::max(m_model.minRtt() / 2, kMinProbeGapUs) && !catchingUp)
             return;
         m_lastProbeUs = now;
         m_lastProbeUpTo = upTo;
+        m_lastProbeHighest = highest;
         ++m_probesWithoutProgress;
         std::vector<qint32> words{upTo};
         ControlPacket probe(ControlPacket::kUserDefined, kProbe, words);
@@ -1218,6 +1220,7 @@ private:
     int32_t m_highestAtLastNews = -1; // m_highestSent when the peer was last heard from
     qint64 m_lastProbeUs = 0;
     int32_t m_lastProbeUpTo = -1;
+    int32_t m_lastProbeHighest = -1; // m_highestSent when it went
     std::atomic<quint32> m_sendCalls{0};
     std::atomic<quint64> m_highestSentCall{0}; // the call of onPktSent() (high) that sent it
     bool m_acknowledgingAtOnce = false;
