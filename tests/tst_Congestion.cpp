@@ -728,21 +728,28 @@ private slots:
     // lost: missing from then on, and due at once, ahead of older reports that are due too.
     void packetsSentBeforeTheSendersWordAreMissing() {
         VESK::net::LossRepair repair;
-        QVERIFY(!repair.onSentUpTo(5, 0)); // nothing received: nothing to count from
+        QVERIFY(!repair.onSentUpTo(5)); // nothing received: nothing to count from
         repair.onPacket(0, 0);
-        repair.onPacket(2, 0);              // 1 missing, reported by UDT at 0
-        QVERIFY(!repair.onSentUpTo(2, 10)); // nothing after the highest received
-        QVERIFY(repair.onSentUpTo(5, 10));
+        repair.onPacket(2, 0);          // 1 missing, reported by UDT at 0
+        QVERIFY(!repair.onSentUpTo(2)); // nothing after the highest received
+        QVERIFY(repair.onSentUpTo(5));
         QCOMPARE(repair.missing(), 4); // 1, 3, 4, 5
         const qint64 interval = VESK::net::LossRepair::intervalFor(100'000);
         QCOMPARE(repair.due(10, interval, 100), (std::vector<qint64>{3, 4, 5}));
-        QVERIFY(!repair.onSentUpTo(4, 20)); // already known
+        QVERIFY(!repair.onSentUpTo(4)); // already known
         QCOMPARE(repair.due(interval, interval, 100), (std::vector<qint64>{1}));
         // A resend of one arrives; a later packet is fresh and leaves no gap behind it.
         QVERIFY(repair.onPacket(4, 30));
         QVERIFY(repair.onPacket(6, 30));
         QCOMPARE(repair.missing(), 3); // 1, 3, 5
         QCOMPARE(repair.due(10 + interval, interval, 100), (std::vector<qint64>{3, 5}));
+        // Told of more before the last were reported: the lower ones still come first.
+        VESK::net::LossRepair told;
+        told.onPacket(0, 0);
+        told.onSentUpTo(3);
+        told.onSentUpTo(6);
+        QCOMPARE(told.due(0, interval, 2), (std::vector<qint64>{1, 2}));
+        QCOMPARE(told.due(0, interval, 10), (std::vector<qint64>{3, 4, 5, 6}));
     }
 
     void aHugeGapIsLeftToTheSender() {

@@ -548,20 +548,21 @@ bool LossRepair::onPacket(qint64 seq, qint64 nowUs) {
     return true;
 }
 
-bool LossRepair::onSentUpTo(qint64 seq, qint64 nowUs) {
+bool LossRepair::onSentUpTo(qint64 seq) {
     if (m_highest < 0 || seq <= m_highest)
         return false;
-    // Never reported: due before anything reported already, oldest (lowest) first.
-    const qint64 never = nowUs - (qint64(1) << 62);
-    std::vector<qint64> added;
+    // Never reported: due before anything reported already, after those never reported that
+    // were added before (lower), so that the front stays the longest waiting.
+    auto at = std::find_if(m_reports.begin(), m_reports.end(),
+                           [](const auto& entry) { return entry.first != kNeverReported; });
+    bool added = false;
     for (qint64 s = m_highest + 1; s <= seq && int(m_missing.size()) < kMaxTracked; ++s) {
         m_missing.insert(s);
-        added.push_back(s);
+        at = m_reports.emplace(at, kNeverReported, s) + 1;
+        added = true;
     }
-    for (auto it = added.rbegin(); it != added.rend(); ++it)
-        m_reports.emplace_front(never, *it);
     m_highest = seq;
-    return !added.empty();
+    return added;
 }
 
 std::vector<qint64> LossRepair::due(qint64 nowUs, qint64 intervalUs, int max) {
@@ -989,24 +990,24 @@ private:
     // arrivals, which brings the next probe a round trip later. Without this, only UDT's
     // timeout would recover them, which resends everything not acknowledged.
     void probeIfStalled(qint64 now) {
-        const int32_t highest = m_highestSent.load();
+        catchUpSent();
+        const int32_t highest = m_countedSent;
         const bool unchanged = highest == m_highestAtLastNews;
         m_highestAtLastNews = highest;
         if (highest < 0 || m_lastAck < 0 || sequenceDistance(highest, m_lastAck) > 0 ||
-            m_peer.reports() == 0)
-            return;
-        const int32_t first = m_firstSent.load(std::memory_order_acquire);
-        if (m_peer.arrived() >= sequenceDistance(first, highest) + 1)
+            m_peer.reports() == 0 || m_peer.arrived() >= m_sentTotal)
             return;
         const qint64 sentAt = m_sendTimes.sentAt(highest, now);
         const bool paused = sentAt > 0 && now - sentAt >= kMinProbeGapUs;
         if ((!unchanged && !paused) || m_probesWithoutProgress >= kMaxProbesWithoutProgress)
             return;
         // The highest packet has left once UDT went on to another one (see onPktSent()), or
-        // after a while; until then, the one before it has.
+        // surely after a while (a busy sending thread may wait between the two); until then,
+        // the one before it has.
         const quint64 mark = m_highestSentCall.load();
-        const bool left = paused || (quint32(mark) == quint32(highest) &&
-                                     quint32(mark >> 32) != m_sendCalls.load());
+        const bool left =
+            (sentAt > 0 && now - sentAt >= kSurelyLeftUs) ||
+            (quint32(mark) == quint32(highest) && quint32(mark >> 32) != m_sendCalls.load());
         const int32_t upTo = left ? highest : (highest == 0 ? 0x7FFFFFFF : highest - 1);
         // One probe a while at most, unless the last one could not tell of the highest packet
         // yet and this one can.
@@ -1038,7 +1039,7 @@ private:
             return;
         acknowledgeAtOnce(true);
         const qint64 high = m_unwrapped + sequenceDistance(m_lastWire, upTo & 0x7FFFFFFF);
-        m_repair.onSentUpTo(high, now);
+        m_repair.onSentUpTo(high);
         reportDueLosses(now);
         trace("probed", now, m_repair.missing());
         // An answer to every probe would keep a short path busy with them: there, a lost resend
@@ -1076,12 +1077,15 @@ private:
         const int32_t highest = m_highestSent.load(std::memory_order_relaxed);
         if (highest < 0)
             return;
+        qint64 fresh = 0;
         if (m_countedSent < 0) {
             const int32_t first = m_firstSent.load(std::memory_order_acquire);
-            m_model.onSent(sequenceDistance(first, highest) + 1);
+            fresh = sequenceDistance(first, highest) + 1;
         } else {
-            m_model.onSent(sequenceDistance(m_countedSent, highest));
+            fresh = sequenceDistance(m_countedSent, highest);
         }
+        m_model.onSent(fresh);
+        m_sentTotal += fresh;
         m_countedSent = highest;
     }
 
@@ -1195,6 +1199,7 @@ private:
     // timeout (a peer that keeps answering keeps that timeout off).
     static constexpr quint32 kProbe = 0x5650;
     static constexpr qint64 kMinProbeGapUs = 1'000;
+    static constexpr qint64 kSurelyLeftUs = 10'000;
     static constexpr int kMaxProbesWithoutProgress = 16;
     // Keep-alive period with nothing in flight: beyond the longest retransmission timeout.
     static constexpr qint64 kIdleTimeoutUs = RateModel::kMaxRetransmitTimeoutUs + 500'000;
@@ -1215,6 +1220,7 @@ private:
     std::atomic<int32_t> m_highestSent{-1};
     std::atomic<int32_t> m_firstSent{-1};
     int32_t m_countedSent = -1;
+    qint64 m_sentTotal = 0; // distinct packets sent up to m_countedSent
     int32_t m_lastAck = -1;
     int32_t m_highestLost = -1;
     int32_t m_highestAtLastNews = -1; // m_highestSent when the peer was last heard from
@@ -1222,7 +1228,8 @@ private:
     int32_t m_lastProbeUpTo = -1;
     int32_t m_lastProbeHighest = -1; // m_highestSent when it went
     std::atomic<quint32> m_sendCalls{0};
-    std::atomic<quint64> m_highestSentCall{0}; // the call of onPktSent() (high) that sent it
+    // The call of onPktSent() (high word) that sent m_highestSent (low word; none at first).
+    std::atomic<quint64> m_highestSentCall{0xFFFFFFFFu};
     bool m_acknowledgingAtOnce = false;
     int m_probesWithoutProgress = 0;
     std::atomic<qint64> m_busyTimeoutUs{RateModel::kUnmeasuredTimeoutUs};

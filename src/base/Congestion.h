@@ -259,12 +259,12 @@ public:
     // before, is older than the first one, or fell in a gap too large to track.
     bool onPacket(qint64 seq, qint64 nowUs);
 
-    // The peer says it sent every packet up to `seq` before a message that arrived at `nowUs`,
+    // The peer says it sent every packet up to `seq` before a message that arrived just now,
     // and a path keeps packets in the order they were sent: any of them not received by now is
     // lost, even after the highest packet received, where no later arrival exposes the gap
     // (the last packets of a transfer). Those become missing, due for a report at once. False
     // when nothing had arrived yet to count from, or when none was new.
-    bool onSentUpTo(qint64 seq, qint64 nowUs);
+    bool onSentUpTo(qint64 seq);
 
     // The missing packets last reported at or before `nowUs - intervalUs`, at most `max` (the
     // longest waiting), in ascending order; they count as reported at `nowUs`.
@@ -279,6 +279,8 @@ public:
     static qint64 intervalFor(qint64 rttUs);
 
 private:
+    static constexpr qint64 kNeverReported = std::numeric_limits<qint64>::min() / 4;
+
     qint64 m_highest = -1;
     std::set<qint64> m_missing;
     // (time of the last report, sequence), oldest first: reports only ever happen "now", so
