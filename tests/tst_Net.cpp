@@ -727,32 +727,22 @@ private slots:
         const quint16 stalledPort = silent.nextRequestFrom(5000);
         QVERIFY(stalledPort != 0);
 
-        quint16 port = 0;
-        QString error;
-        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
-        QVERIFY2(listener.valid(), qPrintable(error));
-        auto accepting =
-            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-        VESK::net::Socket during(VESK::net::connectTo("127.0.0.1", port, &error));
-        VESK::net::Socket served(accepting.get());
-        QVERIFY2(during.valid() && served.valid(), qPrintable(error));
-        QVERIFY(localPort(during.get()) != stalledPort);
+        const UdtPair during = connectedPair();
+        QVERIFY(during.client.valid() && during.server.valid());
+        const quint16 duringPort = localPort(during.client.get());
+        QVERIFY(duringPort != stalledPort);
 
         VESK::net::Socket failed(stalled.get());
         QVERIFY(!failed.valid());
         // Both ports are free again: the next connections take one of them.
         for (int i = 0; i < 2; ++i) {
-            auto accept =
-                std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-            VESK::net::Socket after(VESK::net::connectTo("127.0.0.1", port, &error));
-            VESK::net::Socket afterServed(accept.get());
-            QVERIFY2(after.valid() && afterServed.valid(), qPrintable(error));
-            const quint16 used = localPort(after.get());
-            QVERIFY2(used == stalledPort || used == localPort(during.get()),
-                     qPrintable(QString("port %1, not %2 or %3")
-                                    .arg(used)
-                                    .arg(stalledPort)
-                                    .arg(localPort(during.get()))));
+            const UdtPair after = connectedPair();
+            QVERIFY(after.client.valid() && after.server.valid());
+            const quint16 used = localPort(after.client.get());
+            QVERIFY2(
+                used == stalledPort || used == duringPort,
+                qPrintable(
+                    QString("port %1, not %2 or %3").arg(used).arg(stalledPort).arg(duringPort)));
         }
     }
 
@@ -777,17 +767,10 @@ private slots:
         }
         QCOMPARE(stalledPorts.size(), kPorts);
 
-        quint16 port = 0;
-        QString error;
-        VESK::net::Socket listener(VESK::net::listenOn("127.0.0.1", 0, &port, &error));
-        QVERIFY2(listener.valid(), qPrintable(error));
-        auto accepting =
-            std::async(std::launch::async, [&] { return VESK::net::acceptOn(listener.get()); });
-        VESK::net::Socket waited(VESK::net::connectTo("127.0.0.1", port, &error));
-        VESK::net::Socket served(accepting.get());
-        QVERIFY2(waited.valid() && served.valid(), qPrintable(error));
-        QVERIFY2(stalledPorts.contains(localPort(waited.get())),
-                 qPrintable(QString("port %1").arg(localPort(waited.get()))));
+        const UdtPair waited = connectedPair();
+        QVERIFY(waited.client.valid() && waited.server.valid());
+        QVERIFY2(stalledPorts.contains(localPort(waited.client.get())),
+                 qPrintable(QString("port %1").arg(localPort(waited.client.get()))));
         for (auto& one : stalled)
             QVERIFY(!VESK::net::Socket(one.get()).valid());
     }
